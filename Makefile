@@ -1,0 +1,56 @@
+# Front door of the project. Every target sets up what it needs first.
+#   make run       build and start the gateway on the bundled example
+#   make test      build and run every test
+#   make sanitize  the same under AddressSanitizer + UndefinedBehaviorSanitizer
+#   make tsan      the threaded parts under ThreadSanitizer
+#   make bench     benchmarks
+# Further targets live in mk/*.mk, one file per concern.
+
+MAKEFLAGS += --no-print-directory
+JOBS ?= $(shell nproc)
+BUILD ?= build
+WERROR := $(if $(CI),ON,OFF)
+CMAKE_FLAGS ?=
+EXAMPLE ?= examples/loopback.json
+
+.PHONY: all deps build run test sanitize tsan bench clean
+
+all: build
+
+deps:
+	@scripts/install-deps
+
+# $(1) build folder, $(2) extra cmake flags
+define configure_and_build
+	@cmake -S . -B $(1) -DGATE_WERROR=$(WERROR) $(CMAKE_FLAGS) $(2) >/dev/null
+	@cmake --build $(1) -j $(JOBS)
+endef
+
+build: deps
+	$(call configure_and_build,$(BUILD),)
+
+run: build
+	$(BUILD)/bin/gate --config $(EXAMPLE) --debug 3
+
+test: build
+	ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
+
+sanitize: deps
+	$(call configure_and_build,build-asan,-DGATE_SANITIZE=address$(,)undefined -DGATE_BENCH=OFF -DCMAKE_BUILD_TYPE=Debug)
+	ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
+	  ctest --test-dir build-asan --output-on-failure -j $(JOBS)
+
+# Only the code that runs on more than one thread: the resolver.
+TSAN_TESTS ?= Resolver
+tsan: deps
+	$(call configure_and_build,build-tsan,-DGATE_SANITIZE=thread -DGATE_BENCH=OFF -DCMAKE_BUILD_TYPE=Debug)
+	TSAN_OPTIONS=halt_on_error=1 ctest --test-dir build-tsan --output-on-failure -j $(JOBS) -R '$(TSAN_TESTS)'
+
+bench: build
+	@set -e; for b in $(BUILD)/bin/*Bench; do [ -x "$$b" ] && "$$b"; done; true
+
+clean:
+	rm -rf build build-asan build-tsan
+
+, := ,
+-include mk/*.mk

@@ -1,0 +1,115 @@
+#pragma once
+// The gateway: its interfaces, what it has learned about local devices and
+// other gateways, and the loop that moves frames between them.
+//
+// Files: Gate.cpp (start-up and the configuration file), GatePeers.cpp (peer
+// tables), GateRouting.cpp (on_frame and forwarding), GateService.cpp
+// (service frames), GateLoop.cpp (the main loop).
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "vostrelka/Application.h"
+#include "vostrelka/ArrayList.h"
+#include "vostrelka/EventLoopEntry.h"
+#include "vostrelka/InetAddress.h"
+#include "vostrelka/Resolver.h"
+#include "vostrelka/net_device/NetDevice.h"
+#include "vostrelka/net_device/NetDeviceFactory.h"
+
+namespace vostrelka {
+
+class RunnerHandler;
+namespace manet {
+struct MAPacket;
+}
+
+using json = nlohmann::json;
+
+class Gate : public Application, public net_device::NetDeviceMessageHandlerI {
+public:
+    static constexpr uint8_t LOCAL = 0;
+    static constexpr uint8_t MANET = 1;
+
+    static constexpr uint8_t SERVICE_PROTO_ID = 8;
+    static constexpr uint8_t MANET_PROTO_ID = 10;
+    static constexpr uint8_t RFMODEM_PROTO_ID = 14;
+
+    static constexpr int64_t MAX_SELECT_WAIT_US = 5000000;
+    static constexpr int64_t PEER_TIMEOUT_US = 10000000;
+    static constexpr size_t MAX_EVENT_LOOP_ENTRIES = 32;
+
+    struct Interface {
+        uint32_t id = 0;
+        uint8_t type = LOCAL;  // LOCAL, MANET; anything else is inert
+        std::shared_ptr<net_device::NetDevice> net_device;
+    };
+
+    struct LocalPeer {
+        Interface* iface = nullptr;             // points into `ifaces`
+        std::optional<InetAddress> inet_addr;  // UDP devices only
+    };
+
+    // One link to a remote gateway; a gateway may have several.
+    struct MANetPeer {
+        Interface* iface = nullptr;
+        uint8_t local_addr = 0;
+        std::unique_ptr<AddressResolver> resolver;  // when given by host name
+        std::optional<InetAddress> inet_addr;
+        uint64_t last_seen = 0;  // time_us()
+    };
+
+    Gate();
+    ~Gate();
+
+    // Start-up and configuration file. start() never returns.
+    void start(const cxxopts::ParseResult& result) override;
+    bool parse_config(std::string&& text);
+    bool parse_ifaces(json& ifaces);
+    bool parse_local_peers(json& peers);
+    bool parse_manet_peers(json& peers);
+    void parse_rfmodem_config(Interface& iface, const json& config);
+    template <typename T>
+    T parse_json_value(const json& object, const std::string& key);
+
+    // Main loop. loop() runs run_once() for ever.
+    [[noreturn]] void loop();
+    void run_once();
+    void check_serial_port();
+
+    // Routing.
+    void on_frame(net_device::NetDevice& device, const net_device::Frame& frame) override;
+    void forward_local_frame(const net_device::NetDevice& from_device, const net_device::Frame& frame,
+                             const std::optional<InetAddress>& from_inet);
+    void forward_manet_frame(const Interface& from_iface, const net_device::Frame& frame,
+                             const manet::MAPacket& packet, const std::optional<InetAddress>& from_inet);
+    void handle_service_frame(const net_device::Frame& frame);
+
+    // Peer tables.
+    bool add_local_peer(Interface& iface, uint8_t addr, const std::optional<InetAddress>& inet_addr);
+    bool add_manet_peer(Interface& iface, uint32_t manet_addr, uint8_t local_addr,
+                        std::unique_ptr<AddressResolver>&& resolver, std::optional<InetAddress> inet_addr);
+    std::string full_addr_s_local(uint8_t addr, const std::optional<InetAddress>& inet_addr) const;
+    std::string full_addr_s_local(uint8_t addr, const LocalPeer& peer) const;
+    std::string full_addr_s_manet(uint32_t manet_addr, uint8_t local_addr,
+                                  const std::unique_ptr<AddressResolver>& resolver,
+                                  const std::optional<InetAddress>& inet_addr) const;
+    std::string full_addr_s_manet(uint32_t manet_addr, const MANetPeer& peer) const;
+    std::map<uint32_t, Interface>::iterator find_iface_by_ref(const net_device::NetDevice& device);
+
+    // Members are destroyed in reverse order: handlers first, then MANet
+    // peers (and their resolvers), local peers, interfaces, the factory.
+    int32_t debug_level = 0;
+    net_device::NetDeviceFactory factory;
+    ArrayListAlloc<event_system::EventLoopEntry*, MAX_EVENT_LOOP_ENTRIES> event_loop_entries;
+    std::map<uint32_t, Interface> ifaces;
+    std::map<uint8_t, LocalPeer> local_peers;
+    std::map<uint32_t, std::vector<MANetPeer>> manet_peers;
+    std::vector<std::unique_ptr<RunnerHandler>> handlers;
+};
+
+}  // namespace vostrelka

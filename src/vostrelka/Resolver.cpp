@@ -1,0 +1,7 @@
+#include "vostrelka/Resolver.h"
+
+namespace vostrelka {
+
+AddressResolver::~AddressResolver() = default;
+
+}  // namespace vostrelka

@@ -1,0 +1,34 @@
+#pragma once
+#include <cstdint>
+
+#include "vostrelka/EventLoopEntry.h"
+#include "vostrelka/net_device/Frame.h"
+#include "vostrelka/net_device/NetDeviceMessageHandlerI.h"
+
+namespace vostrelka {
+namespace net_device {
+
+// A frame transport polled by the main loop. Frames it decodes go to
+// `handler`; frames are dropped while no handler is set.
+class NetDevice : public event_system::EventLoopEntry {
+public:
+    explicit NetDevice(uint8_t address_) : address(address_) {}
+
+    // Encode and send (or queue) one frame: 0 on success, -1 on failure.
+    virtual int send_raw(const Frame& frame) = 0;
+
+    void set_handler(NetDeviceMessageHandlerI* handler_) { handler = handler_; }
+
+    // The device's own local address; 0xFF accepts every destination.
+    uint8_t address;
+    NetDeviceMessageHandlerI* handler = nullptr;
+
+protected:
+    // Destination filter, then the handler if one is set.
+    void deliver(const Frame& frame) {
+        if (handler != nullptr && accepts_destination(address, frame.dst)) handler->on_frame(*this, frame);
+    }
+};
+
+}  // namespace net_device
+}  // namespace vostrelka

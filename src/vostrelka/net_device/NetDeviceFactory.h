@@ -1,0 +1,58 @@
+#pragma once
+// Builds a NetDevice from an interface description string:
+//   type "://" param ":" param ... "/" address
+// and keeps a record of every serial port it opened, for the main loop to
+// reopen lost ones.
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "vostrelka/net_device/NetDevice.h"
+
+namespace vostrelka {
+namespace drivers {
+class SerialPort;
+}
+namespace net_device {
+
+// "0x..." is hexadecimal, anything else decimal (std::stoi rules); throws
+// std::invalid_argument / std::out_of_range on bad text.
+int parse_device_address(std::string text);
+
+class NetDeviceFactory {
+public:
+    struct InterfaceDescription {
+        std::string type;
+        std::vector<std::string> params;
+        int address = 0;
+    };
+
+    struct SerialPortDeviceInfo {
+        std::shared_ptr<drivers::SerialPort> port;
+        int stop_bits = 1;
+        long baud_rate = 9600;
+        std::string path;
+    };
+
+    NetDeviceFactory();
+
+    // 0, or -1 when the text is not a description.
+    int parse_interface_desc(const std::string& desc, InterfaceDescription& out);
+    // Null (after a log line where one is due) when no device can be made.
+    std::unique_ptr<NetDevice> make_net_device(const std::string& desc);
+    // For a description without its address: appends "/" and `address`.
+    std::unique_ptr<NetDevice> make_net_device(const std::string& desc, unsigned char address);
+
+    std::unique_ptr<NetDevice> make_net_device_serial(InterfaceDescription& desc);
+    std::unique_ptr<NetDevice> make_net_device_can(InterfaceDescription& desc);
+    template <typename T>
+    std::unique_ptr<NetDevice> make_net_device_udp(InterfaceDescription& desc);
+
+    std::vector<SerialPortDeviceInfo>& serial_ports() { return serial_port_records; }
+
+private:
+    std::vector<SerialPortDeviceInfo> serial_port_records;
+};
+
+}  // namespace net_device
+}  // namespace vostrelka
