@@ -1,0 +1,153 @@
+#include "vostrelka/net_device/SerialEncoder.h"
+
+#include <cstdint>
+
+#include "vostrelka/net_device/XCRC32.h"
+
+namespace vostrelka {
+namespace net_device {
+
+namespace {
+
+constexpr uint32_t CRC_INIT = 0xFFFFFFFF;
+constexpr uint64_t CRC_SIZE = 4;
+constexpr uint64_t HEADER_SIZE = 3;
+// CRC, proto_id, src, dst: anything shorter cannot be a message.
+constexpr uint64_t MIN_MESSAGE_SIZE = CRC_SIZE + HEADER_SIZE;
+constexpr uint8_t ESCAPED_DELIMITER = 0xBD;  // ~0x42
+constexpr uint8_t ESCAPED_ESCAPE = 0xAA;     // ~0x55
+
+bool needs_escape(uint8_t byte) {
+    return byte == SerialEncoder::DELIMITER || byte == SerialEncoder::ESCAPE;
+}
+
+// The CRC runs over the header, then chains on over the payload.
+uint32_t frame_crc(const uint8_t* header, const uint8_t* payload, uint64_t payload_size) {
+    uint32_t crc = xcrc32(header, HEADER_SIZE, CRC_INIT);
+    return xcrc32(payload, payload_size, crc);
+}
+
+// Appends one byte, escaped if it must be. An escaped pair is never split:
+// false, with nothing appended, when the room is short.
+bool put_escaped(Slice<unsigned char>& buffer, uint8_t byte) {
+    if (!needs_escape(byte)) return buffer.push_back(byte);
+    if (buffer.room() < 2) return false;
+    buffer.data[buffer.size++] = SerialEncoder::ESCAPE;
+    buffer.data[buffer.size++] = static_cast<uint8_t>(~byte);
+    return true;
+}
+
+}  // namespace
+
+SerialEncoder::SerialEncoder(Slice<unsigned char>& tx_buffer_, Slice<unsigned char>& rx_buffer_,
+                             SerialEncoderHandlerI& handler_)
+    : tx_buffer(tx_buffer_), rx_buffer(rx_buffer_), handler(handler_) {}
+
+// Appends one whole frame to the transmit buffer and returns its encoded
+// length, or 0 when it does not fit: then the buffer is left exactly as it
+// was (earlier queued frames included) and encode_errors counts the loss.
+uint64_t SerialEncoder::encode(const Frame& frame, SerialEncoderErrorStats& stats) {
+    const uint64_t start_size = tx_buffer.size;
+    const uint8_t header[HEADER_SIZE] = {frame.proto_id, frame.src, frame.dst};
+    const uint32_t crc = frame_crc(header, frame.payload.data, frame.payload.size);
+    const uint8_t crc_le[CRC_SIZE] = {static_cast<uint8_t>(crc), static_cast<uint8_t>(crc >> 8),
+                                      static_cast<uint8_t>(crc >> 16), static_cast<uint8_t>(crc >> 24)};
+
+    bool ok = tx_buffer.push_back(DELIMITER);
+    for (uint64_t i = 0; ok && i < CRC_SIZE; ++i) ok = put_escaped(tx_buffer, crc_le[i]);
+    for (uint64_t i = 0; ok && i < HEADER_SIZE; ++i) ok = put_escaped(tx_buffer, header[i]);
+    // The payload length is 32-bit on this path; anything longer cannot fit any real buffer.
+    ok = ok && frame.payload.size <= UINT32_MAX &&
+         encode_buffer(frame.payload.data, static_cast<unsigned int>(frame.payload.size)) == frame.payload.size;
+    ok = ok && tx_buffer.push_back(DELIMITER);
+
+    if (!ok) {
+        tx_buffer.size = start_size;
+        ++stats.encode_errors;
+        return 0;
+    }
+    return tx_buffer.size - start_size;
+}
+
+// Appends `len` bytes with escaping and returns how many input bytes went in
+// whole; it stops at the first byte (or escaped pair) that does not fit.
+uint64_t SerialEncoder::encode_buffer(const unsigned char* data, unsigned int len) {
+    for (unsigned int i = 0; i < len; ++i) {
+        if (!put_escaped(tx_buffer, data[i])) return i;
+    }
+    return len;
+}
+
+// Consumes every byte of `data` and returns the number of frames handed to
+// the handler during this call. States, kept across calls:
+//   idle          (!in_frame)           0x42 -> collecting; anything else ignored
+//   collecting    (in_frame, !escaped)  0x55 -> after-escape; 0x42 closes the
+//                                       message: idle if it was good, collecting
+//                                       afresh if it was bad; other bytes collected
+//   after-escape  (in_frame, escaped)   0xBD/0xAA -> collecting with 0x42/0x55;
+//                                       else escape error, buffer emptied, and
+//                                       collecting if the byte was 0x42, else idle
+// A byte that finds the receive buffer full drops the message (rx_overflows)
+// whatever the state, and leaves `escaped` as it is; a 0x42 there opens a new one.
+uint64_t SerialEncoder::decode(const ConstSlice<unsigned char>& data, SerialEncoderErrorStats& stats) {
+    decoded = 0;
+    for (uint64_t i = 0; i < data.size; ++i) {
+        const uint8_t byte = data.data[i];
+        if (rx_buffer.full()) {
+            rx_buffer.clear();
+            ++stats.rx_overflows;
+            in_frame = byte == DELIMITER;
+        } else if (!in_frame) {
+            in_frame = byte == DELIMITER;
+        } else if (escaped) {
+            escaped = false;
+            if (byte == ESCAPED_DELIMITER || byte == ESCAPED_ESCAPE) {
+                rx_buffer.push_back(static_cast<uint8_t>(~byte));
+            } else {
+                rx_buffer.clear();
+                in_frame = byte == DELIMITER;
+                ++stats.escape_errors;
+            }
+        } else if (byte == ESCAPE) {
+            escaped = true;
+        } else if (byte == DELIMITER) {
+            in_frame = !handle_message(stats);
+            rx_buffer.clear();
+        } else {
+            rx_buffer.push_back(byte);
+        }
+    }
+    return decoded;
+}
+
+// Checks the collected message and, when its length and CRC are right, hands
+// it over with the payload viewing the receive buffer. True when delivered.
+bool SerialEncoder::handle_message(SerialEncoderErrorStats& stats) {
+    const uint64_t size = rx_buffer.size;
+    if (size < MIN_MESSAGE_SIZE) {
+        ++stats.short_messages;
+        return false;
+    }
+    const uint8_t* bytes = rx_buffer.data;
+    const uint32_t stored_crc = static_cast<uint32_t>(bytes[0]) | static_cast<uint32_t>(bytes[1]) << 8 |
+                                static_cast<uint32_t>(bytes[2]) << 16 | static_cast<uint32_t>(bytes[3]) << 24;
+    const uint8_t* header = bytes + CRC_SIZE;
+    const uint8_t* payload = header + HEADER_SIZE;
+    const uint64_t payload_size = size - MIN_MESSAGE_SIZE;
+    if (frame_crc(header, payload, payload_size) != stored_crc) {
+        ++stats.crc_errors;
+        return false;
+    }
+
+    Frame frame;
+    frame.proto_id = header[0];
+    frame.src = header[1];
+    frame.dst = header[2];
+    frame.payload = ConstSlice<unsigned char>(payload, payload_size);
+    handler.on_frame(frame);
+    ++decoded;
+    return true;
+}
+
+}  // namespace net_device
+}  // namespace vostrelka
