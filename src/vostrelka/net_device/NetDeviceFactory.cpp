@@ -5,9 +5,7 @@
 namespace vostrelka {
 namespace net_device {
 
-NetDeviceFactory::NetDeviceFactory() {
-    serial_port_records.reserve(24);
-}
+NetDeviceFactory::NetDeviceFactory() { serial_port_records.reserve(24); }
 
 }  // namespace net_device
 }  // namespace vostrelka
