@@ -55,10 +55,16 @@ void Application::start_with_args(int argc, char** argv) {
     start(result);
 }
 
-void Application::print_help() const { debug("%s", options.help().c_str()); }
+void Application::print_help() const {
+    debug("%s", options.help().c_str());
+}
 
-void Application::print_version() const { debug("%s", version::SOFTWARE); }
+void Application::print_version() const {
+    debug("%s", version::SOFTWARE);
+}
 
-bool Application::running() { return running_flag.load(); }
+bool Application::running() {
+    return running_flag.load();
+}
 
 }  // namespace vostrelka

@@ -12,7 +12,7 @@ class TaskBase {
 public:
     virtual ~TaskBase() = default;
 
-    std::unique_ptr<std::thread> worker;  // null when the task has no thread
+    std::unique_ptr<std::thread> worker;   // null when the task has no thread
     std::atomic<bool> keep_running{true};  // polled by the task's thread
 };
 

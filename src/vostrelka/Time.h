@@ -4,9 +4,9 @@
 
 namespace vostrelka {
 
-int64_t time_us();      // CLOCK_MONOTONIC
-int64_t time_us_irq();  // same clock; exists for platforms that read it differently in interrupts
-int64_t time_utc_us();  // CLOCK_REALTIME
+int64_t time_us();                  // CLOCK_MONOTONIC
+int64_t time_us_irq();              // same clock; exists for platforms that read it differently in interrupts
+int64_t time_utc_us();              // CLOCK_REALTIME
 int64_t time_utc_us(long mono_us);  // a monotonic stamp moved onto the wall clock
 bool time_utc_valid();              // the wall clock is always trusted here
 void set_utc_offset(long offset_us);
