@@ -6,6 +6,7 @@
 #   make bench     benchmarks
 # Further targets live in mk/*.mk, one file per concern.
 
+SHELL := /bin/bash
 MAKEFLAGS += --no-print-directory
 JOBS ?= $(shell nproc)
 BUILD ?= build
