@@ -8,16 +8,13 @@
 #include <vector>
 
 #include "vostrelka/net_device/NetDevice.h"
+#include "vostrelka/net_device/net_device_parse.h"
 
 namespace vostrelka {
 namespace drivers {
 class SerialPort;
 }
 namespace net_device {
-
-// "0x..." is hexadecimal, anything else decimal (std::stoi rules); throws
-// std::invalid_argument / std::out_of_range on bad text.
-int parse_device_address(std::string text);
 
 class NetDeviceFactory {
 public:
