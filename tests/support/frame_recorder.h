@@ -1,0 +1,33 @@
+#pragma once
+// A NetDeviceMessageHandlerI that keeps a copy of every frame it is given.
+#include <cstdint>
+#include <vector>
+
+#include "vostrelka/net_device/NetDevice.h"
+
+namespace test_support {
+
+struct RecordedFrame {
+    uint8_t proto_id;
+    uint8_t src;
+    uint8_t dst;
+    std::vector<uint8_t> payload;
+
+    bool operator==(const RecordedFrame& o) const {
+        return proto_id == o.proto_id && src == o.src && dst == o.dst && payload == o.payload;
+    }
+};
+
+class FrameRecorder : public vostrelka::net_device::NetDeviceMessageHandlerI {
+public:
+    void on_frame(vostrelka::net_device::NetDevice& device, const vostrelka::net_device::Frame& frame) override {
+        last_device = &device;
+        frames.push_back(
+            {frame.proto_id, frame.src, frame.dst, std::vector<uint8_t>(frame.payload.begin(), frame.payload.end())});
+    }
+
+    std::vector<RecordedFrame> frames;
+    vostrelka::net_device::NetDevice* last_device = nullptr;
+};
+
+}  // namespace test_support
