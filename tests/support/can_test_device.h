@@ -3,39 +3,30 @@
 // bus: written frames are collected instead of reaching a socket.
 #include <vector>
 
+#include "vostrelka/net_device/CanDeviceStorage.h"
 #include "vostrelka/net_device/NetDeviceCanBase.h"
 
 namespace test_support {
 
-template <size_t RECEIVERS, size_t BUFFER_BYTES, size_t QUEUE_FRAMES, size_t HIGHPRIO_FRAMES = 0>
-struct CanTestStorage {
-    CanTestStorage() {
-        for (size_t i = 0; i < RECEIVERS; i++) {
-            vostrelka::net_device::CanDeviceReceiver receiver;
-            receiver.decoder =
-                vostrelka::net_device::CanDecoder(vostrelka::Slice<uint8_t>(buffers[i], 0, BUFFER_BYTES));
-            receiver_list.push_back(receiver);
-        }
-    }
-    uint8_t buffers[RECEIVERS][BUFFER_BYTES];
-    vostrelka::ArrayListAlloc<vostrelka::net_device::CanDeviceReceiver, RECEIVERS> receiver_list;
-    vostrelka::net_device::CanFrame queue_storage[QUEUE_FRAMES];
-    vostrelka::net_device::CanFrame highprio_storage[HIGHPRIO_FRAMES > 0 ? HIGHPRIO_FRAMES : 1];
-    vostrelka::RingBuffer<vostrelka::net_device::CanFrame> queue{queue_storage, QUEUE_FRAMES};
-    vostrelka::RingBuffer<vostrelka::net_device::CanFrame> highprio{highprio_storage, HIGHPRIO_FRAMES};
+template <size_t FRAMES>
+struct CanHighPriorityQueue {
+    vostrelka::net_device::CanFrame highprio_frames[FRAMES > 0 ? FRAMES : 1];
+    vostrelka::RingBuffer<vostrelka::net_device::CanFrame> highprio{highprio_frames, FRAMES};
 };
 
 template <size_t RECEIVERS, size_t BUFFER_BYTES, size_t QUEUE_FRAMES, size_t HIGHPRIO_FRAMES = 0>
-class CanTestDevice : private CanTestStorage<RECEIVERS, BUFFER_BYTES, QUEUE_FRAMES, HIGHPRIO_FRAMES>,
+class CanTestDevice : private vostrelka::net_device::CanDeviceStorage<RECEIVERS, BUFFER_BYTES, QUEUE_FRAMES>,
+                      private CanHighPriorityQueue<HIGHPRIO_FRAMES>,
                       public vostrelka::net_device::NetDeviceCanBase {
-    using Storage = CanTestStorage<RECEIVERS, BUFFER_BYTES, QUEUE_FRAMES, HIGHPRIO_FRAMES>;
+    using Storage = vostrelka::net_device::CanDeviceStorage<RECEIVERS, BUFFER_BYTES, QUEUE_FRAMES>;
+    using HighPrio = CanHighPriorityQueue<HIGHPRIO_FRAMES>;
 
 public:
     explicit CanTestDevice(uint8_t address)
         : NetDeviceCanBase(address, Storage::receiver_list, Storage::queue,
-                           HIGHPRIO_FRAMES > 0 ? &(Storage::highprio) : nullptr) {}
+                           HIGHPRIO_FRAMES > 0 ? &(HighPrio::highprio) : nullptr) {}
 
-    // The bus: frames written so far, and the number of frames it still takes.
+    // The bus: frames written so far, and how many more it takes.
     std::vector<vostrelka::net_device::CanFrame> written;
     size_t bus_room = static_cast<size_t>(-1);
     std::vector<const void*> write_calls;  // which queue each write was for
@@ -56,7 +47,7 @@ public:
     void on_event(uint8_t) override {}
 
     vostrelka::RingBuffer<vostrelka::net_device::CanFrame>& normal_queue() { return Storage::queue; }
-    vostrelka::RingBuffer<vostrelka::net_device::CanFrame>& highprio_queue() { return Storage::highprio; }
+    vostrelka::RingBuffer<vostrelka::net_device::CanFrame>& highprio_queue() { return HighPrio::highprio; }
 };
 
 }  // namespace test_support
