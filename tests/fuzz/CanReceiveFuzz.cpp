@@ -1,0 +1,60 @@
+// A CAN bus anyone can write to: sequences of frames handed to the device's
+// receive path (receivers per sender, reassembly, CRC, stall and overwrite
+// rules) and to a lone decoder with a small buffer.
+//
+// Input: records of 13 bytes, identifier (4, LE) | length (1, low 4 bits as
+// the kernel's dlc is read) | data (8).
+#include <cstdint>
+#include <cstring>
+
+#include "support/can_test_device.h"
+#include "vostrelka/net_device/CanDecoder.h"
+
+using namespace vostrelka;
+using namespace vostrelka::net_device;
+
+namespace {
+
+constexpr size_t RECORD_BYTES = 13;
+
+struct PayloadToucher : NetDeviceMessageHandlerI {
+    uint64_t sum = 0;
+    void on_frame(NetDevice&, const Frame& frame) override {
+        for (uint64_t i = 0; i < frame.payload.size; i++) sum += frame.payload.data[i];
+    }
+};
+
+// Small so that overwrite and overflow happen often.
+using Device = test_support::CanTestDevice<4, 64, 8>;
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    static Device* device = new Device(0xFF);
+    static PayloadToucher handler;
+    device->set_handler(&handler);
+
+    uint8_t buffer[24];
+    CanDecoder decoder(Slice<uint8_t>(buffer, 0, sizeof buffer));
+
+    for (size_t at = 0; at + RECORD_BYTES <= size; at += RECORD_BYTES) {
+        CanFrame frame;
+        std::memcpy(&frame.id, data + at, 4);
+        frame.id &= CAN_ID_MASK;
+        frame.len = data[at + 4] & 0xF;
+        std::memcpy(frame.data, data + at + 5, CAN_MAX_DATA_BYTES);
+
+        device->handle_can_frame(frame);
+
+        Frame out;
+        if (decoder.decode(frame, out) == CANDecoderStatus::COMPLETE) handler.on_frame(*device, out);
+    }
+    // Whatever state the device is left in, it must still send.
+    const uint8_t payload[20] = {};
+    Frame frame;
+    frame.proto_id = 5;
+    frame.payload = ConstSlice<unsigned char>(payload, sizeof payload);
+    device->written.clear();
+    if (device->send_raw(frame) != 0) __builtin_trap();
+    return 0;
+}
