@@ -1,0 +1,60 @@
+#pragma once
+// "udp" interfaces: one frame per IPv4 datagram, a raw header before the payload.
+//
+//   offset  size  field
+//   0       1     proto_id
+//   1       1     src
+//   2       1     dst
+//   3       n     payload
+//
+// Memory: two (buffer_size + 3)-byte arrays, allocated once at construction.
+// Every frame goes to one fixed destination; the sender of the last datagram
+// is remembered so that the gateway can learn where its peers are.
+#include <sys/select.h>
+
+#include <cstdint>
+#include <memory>
+
+#include "vostrelka/InetAddress.h"
+#include "vostrelka/Slice.h"
+#include "vostrelka/net_device/NetDevice.h"
+
+namespace vostrelka {
+namespace net_device {
+
+class NetDeviceUDP : public NetDevice {
+public:
+    static constexpr uint64_t HEADER_SIZE = 3;
+
+    // Allocates the buffers; opens nothing until create_socket().
+    NetDeviceUDP(unsigned long buffer_size, unsigned char address);
+    ~NetDeviceUDP() override;
+    NetDeviceUDP(const NetDeviceUDP&) = delete;
+    NetDeviceUDP& operator=(const NetDeviceUDP&) = delete;
+
+    // Opens a non-blocking socket bound to `bind_address`; false after a log line.
+    bool create_socket(const InetAddress& bind_address);
+    void set_destination_address(const InetAddress& address) { destination_address = address; }
+    InetAddress& get_sender_inet_addr() { return sender_address; }
+    int get_socket() const { return socket_fd; }
+
+    bool is_fd_set(fd_set* set) override;
+    void register_fd(fd_set* read_set, fd_set* write_set, fd_set* except_set) override;
+    // Reads one datagram when readable. Sending never waits for the socket.
+    void on_event(uint8_t events) override;
+    int send_raw(const Frame& frame) override;
+    // Reads one datagram and delivers the frames it carries.
+    virtual void do_read();
+
+protected:
+    int socket_fd = -1;
+    std::unique_ptr<uint8_t[]> tx_storage;
+    std::unique_ptr<uint8_t[]> rx_storage;
+    Slice<unsigned char> tx_buffer;
+    Slice<unsigned char> rx_buffer;
+    InetAddress destination_address;
+    InetAddress sender_address;
+};
+
+}  // namespace net_device
+}  // namespace vostrelka
