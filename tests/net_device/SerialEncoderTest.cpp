@@ -226,13 +226,6 @@ TEST(SerialEncoder, FailedEncodeLeavesQueuedBytesUntouched) {
     }
 }
 
-TEST(SerialEncoder, EncodeBufferNeverSplitsAnEscapedPair) {
-    Codec codec(4);
-    const Bytes data = {0x01, 0x02, 0x03, 0x42};
-    EXPECT_EQ(codec.encoder.encode_buffer(data.data(), 4), 3u);
-    EXPECT_EQ(codec.tx.size, 3u);
-}
-
 TEST(SerialEncoder, LargestMessageIsOneByteUnderReceiveCapacity) {
     Codec sender(8192);
     const Bytes fits = sender.encode(make_frame(1, 2, 3, Bytes(2040, 0x42)));

@@ -99,15 +99,6 @@ TEST_F(UdpDeviceTest, SendsPayloadUpToBufferSizeAndRefusesLongerSilently) {
     EXPECT_FALSE(peer.receive(100).has_value());
 }
 
-TEST_F(UdpDeviceTest, ReceivesTheLargestFrameItCanSend) {
-    Bytes datagram = {1, 2, DEVICE_ADDRESS};
-    datagram.resize(BUFFER_SIZE + 3, 0x5A);
-    ASSERT_TRUE(peer.send_to(device_port, datagram));
-    read_one();
-    ASSERT_EQ(handler.frames.size(), 1u);
-    EXPECT_EQ(handler.frames[0].payload, Bytes(BUFFER_SIZE, 0x5A));
-}
-
 TEST_F(UdpDeviceTest, RemembersTheSenderOfTheLastDatagram) {
     EXPECT_EQ(device->get_sender_inet_addr().to_s(), ":");
 
@@ -140,27 +131,6 @@ TEST_F(UdpDeviceTest, DeliversOnlyFramesForItsAddressOrBroadcast) {
     }
 }
 
-TEST_F(UdpDeviceTest, IgnoresEventsOtherThanReadable) {
-    ASSERT_TRUE(peer.send_to(device_port, {1, 2, DEVICE_ADDRESS, 4}));
-    ASSERT_TRUE(wait_readable(device->get_socket()));
-    device->on_event(vostrelka::event_system::EVENT_WRITABLE | vostrelka::event_system::EVENT_EXCEPTION);
-    EXPECT_TRUE(handler.frames.empty());
-    device->on_event(EVENT_READABLE);
-    EXPECT_EQ(handler.frames.size(), 1u);
-}
-
-TEST_F(UdpDeviceTest, WatchesItsSocketForReadingOnly) {
-    fd_set read_set, write_set, except_set;
-    FD_ZERO(&read_set);
-    FD_ZERO(&write_set);
-    FD_ZERO(&except_set);
-    device->register_fd(&read_set, &write_set, &except_set);
-    EXPECT_TRUE(device->is_fd_set(&read_set));
-    EXPECT_FALSE(device->is_fd_set(&write_set));
-    EXPECT_FALSE(device->is_fd_set(&except_set));
-}
-
-// A port already bound without address reuse cannot be shared, so bind fails.
 TEST(UdpDeviceSocketFailure, LogsTheBindErrorAndRefusesToSend) {
     UdpEndpoint holder;
     const std::string address = holder.address();

@@ -26,6 +26,7 @@ NetDeviceUDP::~NetDeviceUDP() {
 }
 
 bool NetDeviceUDP::create_socket(const InetAddress& bind_address) {
+    if (socket_fd != -1) ::close(socket_fd);
     // The first four messages carry no reason text: that is the output users grep for.
     socket_fd = ::socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
     if (socket_fd < 0) {
