@@ -72,6 +72,21 @@ uint64_t SerialEncoder::encode(const Frame& frame, SerialEncoderErrorStats& stat
 // Appends `len` bytes with escaping and returns how many input bytes went in
 // whole; it stops at the first byte (or escaped pair) that does not fit.
 uint64_t SerialEncoder::encode_buffer(const unsigned char* data, unsigned int len) {
+    if (tx_buffer.room() / 2 >= len) {
+        // Room even if every byte is escaped: no checks per byte.
+        unsigned char* out = tx_buffer.data + tx_buffer.size;
+        for (unsigned int i = 0; i < len; ++i) {
+            const uint8_t byte = data[i];
+            if (needs_escape(byte)) {
+                *out++ = ESCAPE;
+                *out++ = static_cast<uint8_t>(~byte);
+            } else {
+                *out++ = byte;
+            }
+        }
+        tx_buffer.size = static_cast<uint64_t>(out - tx_buffer.data);
+        return len;
+    }
     for (unsigned int i = 0; i < len; ++i) {
         if (!put_escaped(tx_buffer, data[i])) return i;
     }
