@@ -4,8 +4,8 @@
 #include <memory>
 #include <string>
 
-#include "support/RecordingFrameHandler.h"
 #include "support/UdpEndpoint.h"
+#include "support/frame_recorder.h"
 #include "vostrelka/InetAddress.h"
 #include "vostrelka/net_device_udp/NetDeviceUDPSerial.h"
 
@@ -22,7 +22,7 @@ constexpr uint8_t DEVICE_ADDRESS = 0x02;
 // proto 8, 1 -> 2, payload 3E 42 55, in serial framing.
 const Bytes SMALL_PAYLOAD = {0x3E, 0x42, 0x55};
 const Bytes SMALL_WIRE = {0x42, 0x73, 0x7D, 0x55, 0xBD, 0xB4, 0x08, 0x01, 0x02, 0x3E, 0x55, 0xBD, 0x55, 0xAA, 0x42};
-const ReceivedFrame SMALL_FRAME = {0x08, 0x01, 0x02, SMALL_PAYLOAD};
+const RecordedFrame SMALL_FRAME = {0x08, 0x01, 0x02, SMALL_PAYLOAD};
 
 InetAddress inet(const std::string& text) {
     return InetAddress::from(text).value();
@@ -61,7 +61,7 @@ struct UdpSerialDeviceTest : ::testing::Test {
     }
 
     UdpEndpoint peer;
-    RecordingFrameHandler handler;
+    FrameRecorder handler;
     std::unique_ptr<NetDeviceUDPSerial> device;
     uint16_t device_port = 0;
 };
@@ -80,7 +80,7 @@ TEST_F(UdpSerialDeviceTest, DecodesFrameSplitAcrossDatagrams) {
               Bytes(SMALL_WIRE.begin() + split, SMALL_WIRE.end())});
         ASSERT_EQ(handler.frames.size(), 1u) << "split at " << split;
         EXPECT_EQ(handler.frames[0], SMALL_FRAME);
-        EXPECT_EQ(handler.frames[0].device, device.get());
+        EXPECT_EQ(handler.last_device, device.get());
     }
     EXPECT_EQ(device->get_error_stats().crc_errors + device->get_error_stats().short_messages, 0u);
 }
@@ -90,7 +90,7 @@ TEST_F(UdpSerialDeviceTest, DecodesEveryFrameOfOneDatagram) {
     feed({concat({SMALL_WIRE, empty, SMALL_WIRE})});
     ASSERT_EQ(handler.frames.size(), 3u);
     EXPECT_EQ(handler.frames[0], SMALL_FRAME);
-    EXPECT_EQ(handler.frames[1], (ReceivedFrame{9, 1, 0xFF, {}}));
+    EXPECT_EQ(handler.frames[1], (RecordedFrame{9, 1, 0xFF, {}}));
     EXPECT_EQ(handler.frames[2], SMALL_FRAME);
 }
 

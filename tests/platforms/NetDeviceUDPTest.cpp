@@ -5,8 +5,8 @@
 #include <memory>
 #include <string>
 
-#include "support/RecordingFrameHandler.h"
 #include "support/UdpEndpoint.h"
+#include "support/frame_recorder.h"
 #include "vostrelka/InetAddress.h"
 #include "vostrelka/net_device_udp/NetDeviceUDP.h"
 #include "vostrelka/net_device_udp/NetDeviceUDPSerial.h"
@@ -45,7 +45,7 @@ struct UdpDeviceTest : ::testing::Test {
     }
 
     UdpEndpoint peer;
-    RecordingFrameHandler handler;
+    FrameRecorder handler;
     std::unique_ptr<NetDeviceUDP> device;
     uint16_t device_port = 0;
 };
@@ -67,8 +67,8 @@ TEST_F(UdpDeviceTest, DeliversDatagramAsFrameFromThisDevice) {
     ASSERT_TRUE(peer.send_to(device_port, {5, 9, DEVICE_ADDRESS, 1, 2, 3}));
     read_one();
     ASSERT_EQ(handler.frames.size(), 1u);
-    EXPECT_EQ(handler.frames[0], (ReceivedFrame{5, 9, DEVICE_ADDRESS, {1, 2, 3}}));
-    EXPECT_EQ(handler.frames[0].device, device.get());
+    EXPECT_EQ(handler.frames[0], (RecordedFrame{5, 9, DEVICE_ADDRESS, {1, 2, 3}}));
+    EXPECT_EQ(handler.last_device, device.get());
 }
 
 TEST_F(UdpDeviceTest, NeedsAPayloadByteToDeliver) {
@@ -81,7 +81,7 @@ TEST_F(UdpDeviceTest, NeedsAPayloadByteToDeliver) {
     ASSERT_TRUE(peer.send_to(device_port, {5, 9, DEVICE_ADDRESS, 0x42}));
     read_one();
     ASSERT_EQ(handler.frames.size(), 1u);
-    EXPECT_EQ(handler.frames[0], (ReceivedFrame{5, 9, DEVICE_ADDRESS, {0x42}}));
+    EXPECT_EQ(handler.frames[0], (RecordedFrame{5, 9, DEVICE_ADDRESS, {0x42}}));
 }
 
 TEST_F(UdpDeviceTest, SendsPayloadUpToBufferSizeAndRefusesLongerSilently) {

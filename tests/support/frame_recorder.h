@@ -30,4 +30,15 @@ public:
     vostrelka::net_device::NetDevice* last_device = nullptr;
 };
 
+// A frame to send, viewing `payload`, which must outlive it.
+inline vostrelka::net_device::Frame make_frame(uint8_t proto_id, uint8_t src, uint8_t dst,
+                                               const std::vector<uint8_t>& payload) {
+    vostrelka::net_device::Frame frame;
+    frame.proto_id = proto_id;
+    frame.src = src;
+    frame.dst = dst;
+    frame.payload = vostrelka::ConstSlice<unsigned char>(payload.data(), payload.size());
+    return frame;
+}
+
 }  // namespace test_support
