@@ -235,12 +235,6 @@ TEST(Metadata, DecoderIgnoresBytesAfterTheLastField) {
     EXPECT_TRUE(decoded == sample_device_config(""));
 }
 
-TEST(Metadata, HugeStringLengthFailsWithoutAllocating) {
-    const uint8_t body[] = {0x01, 0xFF, 0xFF, 0xFF, 0xFF, 'a', 'b'};
-    fc::ack decoded;
-    EXPECT_FALSE(decode(ConstSlice<uint8_t>(body, sizeof body), decoded));
-}
-
 TEST(Metadata, EncoderAppendsAndRefusesWhatDoesNotFit) {
     uint8_t storage[20] = {};
     Slice<uint8_t> out(storage, 8, sizeof storage);
