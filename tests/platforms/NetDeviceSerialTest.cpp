@@ -12,38 +12,29 @@
 #include <vector>
 
 #include "support/PtyPair.h"
+#include "support/frame_recorder.h"
 #include "vostrelka/NetDeviceSerial.h"
 #include "vostrelka/SerialPort.h"
 #include "vostrelka/net_device/SerialEncoder.h"
 
 namespace {
 
-using vostrelka::ConstSlice;
 using vostrelka::Slice;
 using vostrelka::drivers::DataPort;
 using vostrelka::drivers::SerialPort;
 using vostrelka::net_device::Frame;
 using vostrelka::net_device::NetDevice;
-using vostrelka::net_device::NetDeviceMessageHandlerI;
-using vostrelka::net_device::NetDeviceSerial;
 using vostrelka::net_device::NetDeviceSerialAlloc;
 using vostrelka::net_device::SerialEncoder;
 using vostrelka::net_device::SerialEncoderErrorStats;
 using vostrelka::net_device::SerialEncoderHandlerI;
 using Bytes = std::vector<uint8_t>;
+using test_support::make_frame;
+using test_support::RecordedFrame;
 using SerialDevice = NetDeviceSerialAlloc<2048, 2048>;
 
 constexpr uint8_t DEVICE_ADDR = 0x10;
 constexpr size_t TX_QUEUE_SIZE = 4096;
-
-Frame make_frame(uint8_t proto_id, uint8_t src, uint8_t dst, const Bytes& payload) {
-    Frame frame;
-    frame.proto_id = proto_id;
-    frame.src = src;
-    frame.dst = dst;
-    frame.payload = ConstSlice<unsigned char>(payload.data(), payload.size());
-    return frame;
-}
 
 // Payload escapes, and the control characters a cooked line would eat.
 const Bytes TRICKY_PAYLOAD = {0x42, 0x55, 0x00, 0x11, 0x13, 0x0D, 0x0A, 0x03};
@@ -64,21 +55,6 @@ Bytes encoded(const Frame& frame) {
     codec.encode(frame, stats);
     return Bytes(storage.begin(), storage.begin() + tx_slice.size);
 }
-
-struct Received {
-    NetDevice* device;
-    uint8_t proto_id, src, dst;
-    Bytes payload;
-};
-
-class Recorder : public NetDeviceMessageHandlerI {
-public:
-    void on_frame(NetDevice& device, const Frame& frame) override {
-        frames.push_back(
-            {&device, frame.proto_id, frame.src, frame.dst, Bytes(frame.payload.begin(), frame.payload.end())});
-    }
-    std::vector<Received> frames;
-};
 
 struct FdSets {
     fd_set read, write, except;
@@ -165,7 +141,7 @@ protected:
     test_support::PtyPair pty;
     SerialPort port;
     SerialDevice device{port, DEVICE_ADDR};
-    Recorder recorder;
+    test_support::FrameRecorder recorder;
 };
 
 TEST_F(NetDeviceSerialTest, SendsFrameAsExactLineBytes) {
@@ -185,16 +161,9 @@ TEST_F(NetDeviceSerialTest, DeliversFramesForItselfAndBroadcastOnly) {
     ASSERT_TRUE(pty.write_master(line));
 
     ASSERT_TRUE(run_until(device, [&] { return recorder.frames.size() >= 2; }));
-    ASSERT_EQ(recorder.frames.size(), 2u);
-    EXPECT_EQ(recorder.frames[0].device, &device);
-    EXPECT_EQ(recorder.frames[0].proto_id, 0x07);
-    EXPECT_EQ(recorder.frames[0].src, 0x01);
-    EXPECT_EQ(recorder.frames[0].dst, 0x10);
-    EXPECT_EQ(recorder.frames[0].payload, TRICKY_PAYLOAD);
-    EXPECT_EQ(recorder.frames[1].proto_id, 0x08);
-    EXPECT_EQ(recorder.frames[1].src, 0x22);
-    EXPECT_EQ(recorder.frames[1].dst, 0xFF);
-    EXPECT_TRUE(recorder.frames[1].payload.empty());
+    EXPECT_EQ(recorder.frames,
+              (std::vector<RecordedFrame>{{0x07, 0x01, 0x10, TRICKY_PAYLOAD}, {0x08, 0x22, 0xFF, {}}}));
+    EXPECT_EQ(recorder.last_device, &device);
 }
 
 TEST_F(NetDeviceSerialTest, DeviceWithBroadcastAddressTakesEveryDestination) {
@@ -216,11 +185,9 @@ TEST_F(NetDeviceSerialTest, OneReadableEventDrainsMoreThanTheReadBuffer) {
     ASSERT_TRUE(wait_for_input(pty.slave_fd(), static_cast<int>(line.size())));
 
     device.on_event(vostrelka::event_system::EVENT_READABLE);
-    ASSERT_EQ(recorder.frames.size(), 3u);
-    for (uint8_t i = 0; i < 3; ++i) {
-        EXPECT_EQ(recorder.frames[i].src, i);
-        EXPECT_EQ(recorder.frames[i].payload, Bytes(1000, i));
-    }
+    std::vector<RecordedFrame> expected;
+    for (uint8_t i = 0; i < 3; ++i) expected.push_back({0x09, i, DEVICE_ADDR, Bytes(1000, i)});
+    EXPECT_EQ(recorder.frames, expected);
 }
 
 TEST_F(NetDeviceSerialTest, QueueFillsWhileLineIsBlockedAndDrainsOnceItMoves) {
@@ -306,9 +273,7 @@ TEST_F(NetDeviceSerialTest, CarriesOnAfterThePortIsClosedAndReopened) {
         return line.size() >= TRICKY_FRAME_ON_LINE.size() && !recorder.frames.empty();
     }));
     EXPECT_EQ(line, TRICKY_FRAME_ON_LINE);
-    ASSERT_EQ(recorder.frames.size(), 1u);
-    EXPECT_EQ(recorder.frames[0].src, 0x05);
-    EXPECT_EQ(recorder.frames[0].payload, (Bytes{0xA0, 0xA1, 0xA2, 0xA3}));
+    EXPECT_EQ(recorder.frames, (std::vector<RecordedFrame>{{0x08, 0x05, DEVICE_ADDR, {0xA0, 0xA1, 0xA2, 0xA3}}}));
 }
 
 // A port that takes at most `limit` bytes per write, or fails (-1).
@@ -330,7 +295,7 @@ public:
 
 TEST(NetDeviceSerialPartialWriteTest, KeepsTheUnwrittenTailAtTheFrontOfTheQueue) {
     ThrottledPort port;
-    NetDeviceSerialAlloc<2048, 2048> device(port, DEVICE_ADDR);
+    SerialDevice device(port, DEVICE_ADDR);
     Bytes payload(291);
     for (size_t i = 0; i < payload.size(); ++i) payload[i] = static_cast<uint8_t>(i);
     const Frame frame = make_frame(0x07, 0x01, 0x02, payload);
