@@ -3,7 +3,8 @@
 #   make test      build and run every test
 #   make sanitize  the same under AddressSanitizer + UndefinedBehaviorSanitizer
 #   make tsan      the threaded parts under ThreadSanitizer
-#   make bench     benchmarks
+#   make bench     benchmarks: the codec, then forwarding against a reference relay
+#                  (QUICK=1 for a short forwarding run)
 # Further targets live in mk/*.mk, one file per concern.
 
 SHELL := /bin/bash
@@ -47,8 +48,10 @@ tsan: deps
 	$(call configure_and_build,build-tsan,-DGATE_SANITIZE=thread -DGATE_BENCH=OFF -DCMAKE_BUILD_TYPE=Debug)
 	TSAN_OPTIONS=halt_on_error=1 ctest --test-dir build-tsan --output-on-failure -j $(JOBS) -R '$(TSAN_TESTS)'
 
+QUICK ?= 0
 bench: build
 	@set -e; for b in $(BUILD)/bin/*Bench; do [ -x "$$b" ] && "$$b"; done; true
+	@BUILD=$(BUILD) QUICK=$(QUICK) scripts/bench-forwarding
 
 clean:
 	rm -rf build build-asan build-tsan
