@@ -247,14 +247,6 @@ TEST(CanDecoder, GapInTheUnexaminedBitmapByteEndsInCrcError) {
     EXPECT_EQ(payload_of(waiting.out), longer);
 }
 
-TEST(CanDecoder, DecoderWithoutBufferStillDecodesSingleFrames) {
-    const std::vector<uint8_t> payload = counting_bytes(8);
-    CanDecoder decoder;
-    Frame out;
-    ASSERT_EQ(decoder.decode(encode_all(make_frame(payload))[0], out), CANDecoderStatus::COMPLETE);
-    EXPECT_EQ(out.payload.size, 8u);
-}
-
 TEST(CanAcceptanceFilter, ComparesOnlyAddressBits) {
     const CanAcceptanceFilter any_sender = make_acceptance_filter(0x20, 0xFF);
     EXPECT_EQ(any_sender.id, 0x4000u);

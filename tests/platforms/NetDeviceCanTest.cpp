@@ -1,6 +1,6 @@
-// The SocketCAN half without a bus: conversions, error-frame lines, delivery
-// of kernel frames, and behaviour when the socket cannot be made. The bus
-// itself is exercised in the VM suite under tests/can/.
+// The SocketCAN half without a bus: conversions, error-frame lines, and
+// behaviour when the socket cannot be made. The bus itself is exercised in
+// the VM suite under tests/can/.
 #include <gtest/gtest.h>
 #include <linux/can/error.h>
 
@@ -9,7 +9,6 @@
 #include <string>
 #include <vector>
 
-#include "support/frame_recorder.h"
 #include "vostrelka/net_device_can/NetDeviceCan.h"
 
 using namespace vostrelka;
@@ -76,19 +75,6 @@ TEST(NetDeviceCan, PrintsOneLinePerErrorClassThenTheCatchAll) {
         device.handle_error_frame(f);
         EXPECT_EQ(testing::internal::GetCapturedStdout(), c.lines) << std::hex << c.classes;
     }
-}
-
-TEST(NetDeviceCan, DeliversKernelDataFramesByDestination) {
-    Device device("vcan0", 0x20);
-    test_support::FrameRecorder recorder;
-    device.set_handler(&recorder);
-
-    can_frame for_us = kernel_frame(CAN_EFF_FLAG | 0x00564021, 3, {7, 8, 9});
-    can_frame for_other = kernel_frame(CAN_EFF_FLAG | 0x00564221, 3, {7, 8, 9});
-    device.handle_data_frame(for_us);
-    device.handle_data_frame(for_other);
-    ASSERT_EQ(recorder.frames.size(), 1u);
-    EXPECT_EQ(recorder.frames[0], (test_support::RecordedFrame{5, 0x10, 0x20, {7, 8, 9}}));
 }
 
 TEST(NetDeviceCan, OpenReportsTheErrnoOfAFailedSocketAndStaysClosed) {
