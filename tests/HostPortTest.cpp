@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <ostream>
+
 #include "vostrelka/HostPort.h"
 
 namespace vostrelka {
@@ -11,6 +13,11 @@ struct ParsedCase {
     const char* port_str;
     uint16_t port;
 };
+
+// Names the case after its text, blanks made visible, for readable test names.
+void PrintTo(const ParsedCase& c, std::ostream* os) {
+    for (const char* p = c.text; *p; ++p) *os << (*p == '\t' ? "\\t" : std::string(1, *p));
+}
 
 class HostPortParses : public ::testing::TestWithParam<ParsedCase> {};
 

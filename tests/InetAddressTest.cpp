@@ -3,6 +3,7 @@
 #include <sys/un.h>
 
 #include <cstring>
+#include <ostream>
 
 #include "vostrelka/InetAddress.h"
 
@@ -28,6 +29,10 @@ struct NumericCase {
     const char* text;
     uint32_t address;
 };
+
+void PrintTo(const NumericCase& c, std::ostream* os) {
+    *os << c.text;
+}
 
 class InetAddressNumericForms : public ::testing::TestWithParam<NumericCase> {};
 
