@@ -9,6 +9,14 @@
 
 namespace test_support {
 
+namespace {
+
+// Written straight into the pipe to learn when the reader has caught up; a
+// single byte, so it cannot split anything, and never part of a log line.
+constexpr char SYNC_MARK = '\x01';
+
+}  // namespace
+
 StdoutCapture::StdoutCapture() {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0) return;
@@ -52,6 +60,10 @@ void StdoutCapture::read_lines(int fd) {
         int64_t now = vostrelka::time_us();
         std::lock_guard<std::mutex> lock(mutex);
         for (ssize_t i = 0; i < n; ++i) {
+            if (buffer[i] == SYNC_MARK) {
+                ++syncs_seen;
+                continue;
+            }
             if (buffer[i] != '\n') {
                 partial.push_back(buffer[i]);
                 continue;
@@ -68,7 +80,13 @@ void StdoutCapture::read_lines(int fd) {
 
 std::vector<StdoutCapture::Line> StdoutCapture::lines() {
     std::fflush(stdout);
-    std::lock_guard<std::mutex> lock(mutex);
+    // Whatever was written before the mark is read before it.
+    std::unique_lock<std::mutex> lock(mutex);
+    const uint64_t ticket = ++syncs_sent;
+    lock.unlock();  // the reader may need the lock to make room in the pipe
+    const bool sent = write(write_end, &SYNC_MARK, 1) == 1;
+    lock.lock();
+    if (sent) changed.wait_for(lock, std::chrono::seconds(5), [&] { return syncs_seen >= ticket; });
     return captured;
 }
 

@@ -29,6 +29,7 @@ public:
 
     bool ok() const { return reader.joinable(); }
 
+    // Every line written so far, once the reader has caught up with them.
     std::vector<Line> lines();
     // Waits until `done` holds for the lines so far, or the timeout passes;
     // returns whether it held.
@@ -42,6 +43,8 @@ private:
     std::mutex mutex;
     std::condition_variable changed;
     std::vector<Line> captured;
+    uint64_t syncs_sent = 0;
+    uint64_t syncs_seen = 0;
     std::thread reader;
 };
 
