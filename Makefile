@@ -54,7 +54,7 @@ bench: build
 	@BUILD=$(BUILD) QUICK=$(QUICK) scripts/bench-forwarding
 
 clean:
-	rm -rf build build-asan build-tsan
+	rm -rf build build-asan build-tsan build-deb
 
 , := ,
 -include mk/*.mk

@@ -32,10 +32,11 @@ int remaining_ms(GateProcess::Clock::time_point deadline) {
 
 }  // namespace
 
-GateProcess::GateProcess(const std::vector<std::string>& args) {
+GateProcess::GateProcess(const std::vector<std::string>& args) : GateProcess(gate_binary(), args, false) {}
+
+GateProcess::GateProcess(const std::string& binary, const std::vector<std::string>& args, bool with_stderr) {
     int fds[2];
     if (pipe2(fds, O_CLOEXEC) != 0) std::abort();
-    const std::string binary = gate_binary();
     std::vector<char*> argv;
     argv.push_back(const_cast<char*>(binary.c_str()));
     for (const auto& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
@@ -44,6 +45,7 @@ GateProcess::GateProcess(const std::vector<std::string>& args) {
     child = fork();
     if (child == 0) {
         dup2(fds[1], STDOUT_FILENO);
+        if (with_stderr) dup2(fds[1], STDERR_FILENO);
         // Sockets and terminals of the test stay with the test.
         for (int fd = STDERR_FILENO + 1; fd < MAX_INHERITED_FD; fd++) close(fd);
         execv(binary.c_str(), argv.data());

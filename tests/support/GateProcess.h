@@ -19,6 +19,9 @@ public:
 
     // Starts gate_binary() with `args` (without the program name).
     explicit GateProcess(const std::vector<std::string>& args);
+    // Starts another program of the project the same way; with
+    // `with_stderr` its standard error comes through the same pipe.
+    GateProcess(const std::string& binary, const std::vector<std::string>& args, bool with_stderr);
     ~GateProcess();
     GateProcess(const GateProcess&) = delete;
     GateProcess& operator=(const GateProcess&) = delete;

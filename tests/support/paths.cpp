@@ -2,8 +2,16 @@
 
 namespace test_support {
 
-std::string gate_binary() { return GATE_BINARY_PATH; }
+std::string gate_binary() {
+    return GATE_BINARY_PATH;
+}
 
-std::string source_dir() { return TEST_SOURCE_DIR; }
+std::string gatecat_binary() {
+    return GATECAT_BINARY_PATH;
+}
+
+std::string source_dir() {
+    return TEST_SOURCE_DIR;
+}
 
 }  // namespace test_support

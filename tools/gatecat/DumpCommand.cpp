@@ -1,0 +1,111 @@
+#include "gatecat/DumpCommand.h"
+
+#include <cinttypes>
+#include <string>
+
+#include "gatecat/DeviceCounters.h"
+#include "gatecat/DeviceLoop.h"
+#include "gatecat/FrameDecoder.h"
+#include "gatecat/FrameSyntax.h"
+#include "gatecat/InterfaceOpener.h"
+#include "gatecat/StopSignals.h"
+#include "vostrelka/Time.h"
+#include "vostrelka/net_device/NetDeviceMessageHandlerI.h"
+
+namespace vostrelka {
+namespace gatecat {
+
+namespace {
+
+// Without --timeout the loop still wakes this often, for device timers.
+constexpr int64_t IDLE_WAIT_US = 1000000;
+constexpr int64_t US_PER_S = 1000000;
+
+class FramePrinter : public net_device::NetDeviceMessageHandlerI {
+public:
+    FramePrinter(FILE* out, bool decode, uint32_t limit) : out(out), decode(decode), limit(limit) {}
+
+    // One line: (stamp) FRAME  proto_id P  0xSS -> 0xDD  len N[  decoded]
+    void on_frame(net_device::NetDevice&, const net_device::Frame& frame) override {
+        // A read may bring more frames than are still wanted.
+        if (done()) return;
+        const int64_t now_us = time_utc_us();
+        std::fprintf(out, "(%" PRId64 ".%06" PRId64 ") %s  proto_id %u  0x%02X -> 0x%02X  len %" PRIu64,
+                     now_us / US_PER_S, now_us % US_PER_S, format_frame(frame).c_str(), frame.proto_id, frame.src,
+                     frame.dst, static_cast<uint64_t>(frame.payload.size));
+        if (decode) {
+            const std::string decoded = decode_frame(frame);
+            if (!decoded.empty()) std::fprintf(out, "  %s", decoded.c_str());
+        }
+        std::fputc('\n', out);
+        std::fflush(out);
+        printed++;
+    }
+
+    bool done() const { return limit != 0 && printed >= limit; }
+    uint32_t frames() const { return printed; }
+
+private:
+    FILE* out;
+    bool decode;
+    uint32_t limit;
+    uint32_t printed = 0;
+};
+
+}  // namespace
+
+int run_dump(const CommandLine& command_line, FILE* out) {
+    InterfaceOpener opener;
+    std::string error;
+    if (!opener.check(command_line.iface, false, error)) {
+        std::fprintf(stderr, "gatecat: dump: %s\n", error.c_str());
+        return EXIT_USAGE;
+    }
+    StopSignals stop;
+    if (!stop.install()) {
+        std::fprintf(stderr, "gatecat: dump: cannot install signal handlers\n");
+        return EXIT_RUNTIME_FAILURE;
+    }
+    std::unique_ptr<net_device::NetDevice> device = opener.open(command_line.iface);
+    if (!device) {
+        std::fprintf(stderr, "gatecat: dump: cannot open %s\n", command_line.iface.c_str());
+        return EXIT_RUNTIME_FAILURE;
+    }
+    FramePrinter printer(out, command_line.decode, command_line.count);
+    device->set_handler(&printer);
+    std::fprintf(stderr, "gatecat: listening on %s\n", command_line.iface.c_str());
+
+    DeviceLoop loop(*device, stop.wait_mask());
+    const int64_t deadline_us = command_line.timeout_us > 0 ? time_us() + command_line.timeout_us : 0;
+    bool timed_out = false;
+    int status = EXIT_OK;
+    while (!printer.done() && !stop.requested()) {
+        int64_t wait_us = IDLE_WAIT_US;
+        if (deadline_us != 0) {
+            const int64_t left_us = deadline_us - time_us();
+            if (left_us <= 0) {
+                timed_out = true;
+                break;
+            }
+            if (left_us < wait_us) wait_us = left_us;
+        }
+        if (!loop.run_once(wait_us)) {
+            std::fprintf(stderr, "gatecat: dump: waiting for %s failed\n", command_line.iface.c_str());
+            status = EXIT_RUNTIME_FAILURE;
+            break;
+        }
+    }
+    device->set_handler(nullptr);
+
+    const std::string counters = codec_error_counters(*device);
+    std::fprintf(stderr, "gatecat: %u frames%s%s\n", printer.frames(), counters.empty() ? "" : "; ", counters.c_str());
+    if (timed_out && command_line.count != 0) {
+        std::fprintf(stderr, "gatecat: dump: %u of %u frames before the timeout\n", printer.frames(),
+                     command_line.count);
+        status = EXIT_RUNTIME_FAILURE;
+    }
+    return status;
+}
+
+}  // namespace gatecat
+}  // namespace vostrelka

@@ -1,0 +1,107 @@
+#include "gatecat/FrameDecoder.h"
+
+#include <cstdio>
+
+#include "gatecat/MessagePrinter.h"
+#include "vostrelka/firmware_configurator/metadata.h"
+#include "vostrelka/guarantor/unpack_msgs.h"
+
+namespace vostrelka {
+namespace gatecat {
+
+namespace {
+
+struct CatalogueEntry {
+    uint8_t id;
+    const msgs::MessageMetadata* message;
+};
+
+// Ids are per carrier: service records (proto_id 8) and RF modem records
+// (proto_id 14) number their messages independently.
+const CatalogueEntry SERVICE_MESSAGES[] = {
+    {msgs::firmware_configurator::utm_status::ID, &msgs::firmware_configurator::utm_status::METADATA},
+    {msgs::firmware_configurator::ack::ID, &msgs::firmware_configurator::ack::METADATA},
+    {msgs::firmware_configurator::set_config::ID, &msgs::firmware_configurator::set_config::METADATA},
+    {msgs::firmware_configurator::device_config::ID, &msgs::firmware_configurator::device_config::METADATA},
+};
+const CatalogueEntry RFMODEM_MESSAGES[] = {
+    {msgs::rfmodem::base_config::ID, &msgs::rfmodem::base_config::METADATA},
+    {msgs::rfmodem::client_config::ID, &msgs::rfmodem::client_config::METADATA},
+    {msgs::rfmodem::stats::ID, &msgs::rfmodem::stats::METADATA},
+};
+
+template <size_t N>
+const msgs::MessageMetadata* find_message(const CatalogueEntry (&catalogue)[N], uint8_t id) {
+    for (const CatalogueEntry& entry : catalogue) {
+        if (entry.id == id) return entry.message;
+    }
+    return nullptr;
+}
+
+template <size_t N>
+void append_message(const CatalogueEntry (&catalogue)[N], const tessera::MessageInfo& info, std::string& out) {
+    if (const msgs::MessageMetadata* message = find_message(catalogue, info.id)) {
+        print_message(*message, info.body(), out);
+    } else {
+        out += "unknown message id=" + std::to_string(info.id) + " size=" + std::to_string(info.size);
+    }
+}
+
+std::string record_type_name(uint8_t type) {
+    switch (type) {
+        case guarantor::GuarantorHeader::TYPE_DATA:
+            return "data";
+        case guarantor::GuarantorHeader::TYPE_REQUEST:
+            return "request";
+        case guarantor::GuarantorHeader::TYPE_RESPONSE:
+            return "response";
+        default:
+            return std::to_string(type);
+    }
+}
+
+std::string decode_service(const ConstSlice<unsigned char>& payload) {
+    std::string out;
+    const int32_t result = guarantor::unpack_msgs(
+        payload, [&](const guarantor::GuarantorHeader& header, const tessera::MessageInfo& info) {
+            if (!out.empty()) out += " | ";
+            out += "seq=" + std::to_string(header.seq) + " type=" + record_type_name(header.type) + " ";
+            append_message(SERVICE_MESSAGES, info, out);
+        });
+    if (result != 0) out += out.empty() ? "service record cut short" : " | record cut short";
+    if (out.empty()) out = "no service record";
+    return out;
+}
+
+std::string decode_rfmodem(const ConstSlice<unsigned char>& payload) {
+    std::string out;
+    uint64_t offset = 0;
+    while (offset < payload.size) {
+        tessera::MessageInfo info;
+        if (!tessera::read_message_record(ConstSlice<uint8_t>(payload.data + offset, payload.size - offset), info)) {
+            out += out.empty() ? "modem record cut short" : " | record cut short";
+            break;
+        }
+        if (!out.empty()) out += " | ";
+        append_message(RFMODEM_MESSAGES, info, out);
+        offset += tessera::MESSAGE_HEADER_SIZE + info.size;
+    }
+    if (out.empty()) out = "no modem record";
+    return out;
+}
+
+}  // namespace
+
+std::string decode_frame(const net_device::Frame& frame) {
+    switch (frame.proto_id) {
+        case SERVICE_PROTO_ID:
+            return decode_service(frame.payload);
+        case RFMODEM_PROTO_ID:
+            return decode_rfmodem(frame.payload);
+        default:
+            return std::string();
+    }
+}
+
+}  // namespace gatecat
+}  // namespace vostrelka

@@ -1,0 +1,97 @@
+#include "gatecat/InterfaceOpener.h"
+
+#include "vostrelka/SerialPort.h"
+
+namespace vostrelka {
+namespace gatecat {
+
+namespace {
+
+constexpr const char* EVERY_DESTINATION_SUFFIX = "/255";
+
+// The factory reads numbers with the standard conversions, which need a
+// digit first; anything after the digits it ignores, and so do we.
+bool starts_with_digit(const std::string& text) {
+    return !text.empty() && text[0] >= '0' && text[0] <= '9';
+}
+
+}  // namespace
+
+std::string InterfaceOpener::with_address(const std::string& iface) {
+    // A trailing "/ADDRESS" parses as an address and holds no ':'; the last
+    // segment of a description without one is its parameters (or a path
+    // with them), which always hold a ':' or do not parse.
+    net_device::NetDeviceFactory::InterfaceDescription parsed;
+    const size_t last_slash = iface.rfind('/');
+    const bool has_address =
+        factory.parse_interface_desc(iface, parsed) == 0 && iface.find(':', last_slash) == std::string::npos;
+    return has_address ? iface : iface + EVERY_DESTINATION_SUFFIX;
+}
+
+bool InterfaceOpener::check(const std::string& iface, bool for_sending, std::string& error) {
+    net_device::NetDeviceFactory::InterfaceDescription parsed;
+    if (iface.find("://") == std::string::npos || factory.parse_interface_desc(with_address(iface), parsed) != 0) {
+        error = "invalid interface description '" + iface +
+                "'; expected TYPE://PARAMETERS as in the configuration file, e.g. udp://127.0.0.1:5000";
+        return false;
+    }
+    const auto& params = parsed.params;
+    if (parsed.type == "serial") {
+        if (params.size() != 2 && params.size() != 3) {
+            error = "serial takes PATH:BAUD or PATH:BAUD:STOPBITS, e.g. serial:///dev/ttyUSB0:115200";
+            return false;
+        }
+        if (!starts_with_digit(params[1])) {
+            error = "serial baud rate '" + params[1] + "' is not a number";
+            return false;
+        }
+        if (params.size() == 3 && !starts_with_digit(params[2])) {
+            error = "serial stop bits '" + params[2] + "' is not a number";
+            return false;
+        }
+        return true;
+    }
+    if (parsed.type == "can") {
+        if (params.size() != 1 || params[0].empty()) {
+            error = "can takes one interface name, e.g. can://can0";
+            return false;
+        }
+        return true;
+    }
+    if (parsed.type == "udp" || parsed.type == "udpserial") {
+        if (params.size() != 2 && params.size() != 4) {
+            error = parsed.type + " takes HOST:PORT or HOST:PORT:DEST_HOST:DEST_PORT, e.g. " + parsed.type +
+                    "://127.0.0.1:5000:127.0.0.1:5001";
+            return false;
+        }
+        for (size_t i = 1; i < params.size(); i += 2) {
+            if (!starts_with_digit(params[i])) {
+                error = parsed.type + " port '" + params[i] + "' is not a number";
+                return false;
+            }
+        }
+        if (for_sending && params.size() != 4) {
+            error = "sending on " + parsed.type + " needs a destination: " + parsed.type +
+                    "://HOST:PORT:DEST_HOST:DEST_PORT";
+            return false;
+        }
+        return true;
+    }
+    error = "unsupported interface type '" + parsed.type + "'; supported types: serial, can, udp, udpserial";
+    return false;
+}
+
+std::unique_ptr<net_device::NetDevice> InterfaceOpener::open(const std::string& iface) {
+    const size_t serial_ports_before = factory.serial_ports().size();
+    std::unique_ptr<net_device::NetDevice> device = factory.make_net_device(with_address(iface));
+    // The factory hands out a serial device even when its port did not open,
+    // for the gateway to reopen later; a tool that runs once has no later.
+    if (device && factory.serial_ports().size() > serial_ports_before) {
+        const auto& record = factory.serial_ports().back();
+        if (!record.port || !record.port->is_open()) return nullptr;
+    }
+    return device;
+}
+
+}  // namespace gatecat
+}  // namespace vostrelka

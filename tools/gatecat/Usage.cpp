@@ -1,0 +1,74 @@
+#include "gatecat/Usage.h"
+
+namespace vostrelka {
+namespace gatecat {
+
+const char* usage_text() {
+    return R"USAGE(gatecat - send and watch frames on serial, CAN and UDP interfaces
+
+Usage:
+  gatecat dump IFACE [--decode] [--count N] [--timeout S]
+  gatecat send IFACE [FRAME...]
+  gatecat --help | --version
+
+IFACE is an interface description as the gateway's configuration file
+writes it:
+  serial://PATH:BAUD[:STOPBITS]        serial:///dev/ttyUSB0:115200
+  can://NAME                           can://can0
+  udp://HOST:PORT[:DEST_HOST:DEST_PORT]        one frame per datagram
+  udpserial://HOST:PORT[:DEST_HOST:DEST_PORT]  serial framing in datagrams
+HOST:PORT is where gatecat listens (its own end); DEST_HOST:DEST_PORT is
+where it sends, and `send` needs it. Hosts are numeric IPv4 addresses. A
+trailing /ADDRESS (0x10 or 16) makes the device keep only frames for that
+address or broadcast; without one a dump shows every frame.
+
+FRAME is PROTO:SRC>DST#PAYLOAD, every field in hex (either case):
+  PROTO    proto_id, 1 or 2 hex digits     (0A is 10, the MANet packet)
+  SRC      source address, 1 or 2 hex digits
+  DST      destination address, 1 or 2 hex digits (FF is broadcast)
+  PAYLOAD  0 to 2048 bytes as hex digit pairs; a '.' may separate bytes
+  e.g.  07:01>02#DEADBEEF   7:1>2#DE.AD.BE.EF   08:01>FF#   (empty payload)
+On a shell command line quote a frame, or write SRC-DST for SRC>DST: the
+shell takes an unquoted '>' as a redirection.
+
+dump
+  Prints one line per frame received, the frame in the form above as its
+  second field, so that the output replays through `gatecat send`:
+    (1732170000.123456) 07:01>02#DEADBEEF  proto_id 7  0x01 -> 0x02  len 4
+  The first field is the wall-clock time in seconds. At the end it prints
+  the number of frames and the device's codec error counters on standard
+  error. Stops after N frames, after S seconds, or on Ctrl-C.
+  --decode     add what the payload holds: the MANet header of proto_id 10
+               (0A), the service messages of proto_id 8 and the RF modem
+               records of proto_id 14 (0E), by their field names
+  --count N    stop after N frames
+  --timeout S  stop after S seconds (fractions allowed)
+
+send
+  Sends each FRAME given, in order; with none, reads frames from standard
+  input, one per line. A line may be a `gatecat dump` line: a leading
+  "(time stamp)" field and everything after the frame are ignored; blank
+  lines are skipped.
+
+Examples:
+  gatecat dump udp://127.0.0.1:6001
+  gatecat dump --decode --count 1 serial:///dev/ttyUSB0:115200
+  gatecat send udp://127.0.0.1:6002:127.0.0.1:5001 '07:01>02#DEADBEEF'
+  gatecat send udpserial://0.0.0.0:7000:10.0.0.2:7000 08:10-FF#
+  gatecat dump udp://127.0.0.1:6001 > frames.txt
+  gatecat send udp://127.0.0.1:6002:127.0.0.1:5001 < frames.txt
+
+Log lines of the devices go to standard error; standard output holds only
+the frames of `dump`.
+
+Exit status:
+  0  done: the frames were sent, or the dump stopped as asked
+  1  runtime failure: the interface did not open, a frame was refused or
+     not sent, or --count frames did not arrive before --timeout
+  2  usage error: a bad command, option, interface description or frame,
+     with one line on standard error
+)USAGE";
+}
+
+}  // namespace gatecat
+}  // namespace vostrelka

@@ -1,0 +1,56 @@
+// gatecat: send and watch frames on any interface the gateway can open.
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+
+#include "gatecat/CommandLine.h"
+#include "gatecat/DumpCommand.h"
+#include "gatecat/SendCommand.h"
+#include "gatecat/Usage.h"
+#include "vostrelka/version.h"
+
+namespace {
+
+// The devices log through the library's one logging call, to standard
+// output. Standard output belongs to the frames of a dump, which must
+// replay cleanly, so the log goes to standard error and the frames get
+// the original standard output to themselves. Null when that fails.
+FILE* take_stdout_for_frames() {
+    const int frames_fd = dup(STDOUT_FILENO);
+    if (frames_fd < 0 || dup2(STDERR_FILENO, STDOUT_FILENO) < 0) return nullptr;
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
+    return fdopen(frames_fd, "w");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    using namespace vostrelka::gatecat;
+    CommandLine command_line;
+    std::string error;
+    if (!parse_command_line(argc, argv, command_line, error)) {
+        std::fprintf(stderr, "gatecat: %s\n", error.c_str());
+        return EXIT_USAGE;
+    }
+    switch (command_line.command) {
+        case CommandLine::Command::HELP:
+            std::fputs(usage_text(), stdout);
+            return EXIT_OK;
+        case CommandLine::Command::VERSION:
+            std::printf("%s\n", vostrelka::version::SOFTWARE);
+            return EXIT_OK;
+        case CommandLine::Command::DUMP:
+        case CommandLine::Command::SEND:
+            break;
+    }
+    FILE* frames_out = take_stdout_for_frames();
+    if (frames_out == nullptr) {
+        std::fprintf(stderr, "gatecat: cannot set up standard output\n");
+        return EXIT_RUNTIME_FAILURE;
+    }
+    const int status = command_line.command == CommandLine::Command::DUMP ? run_dump(command_line, frames_out)
+                                                                          : run_send(command_line, stdin);
+    std::fclose(frames_out);
+    return status;
+}
