@@ -3,71 +3,16 @@
 // allocations made inside a measured region are counted.
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <cstdlib>
-#include <new>
 #include <string>
 #include <vector>
 
+#include "support/AllocationCounter.h"
 #include "support/UdpEndpoint.h"
 #include "vostrelka/InetAddress.h"
 #include "vostrelka/net_device/SerialEncoder.h"
 #include "vostrelka/net_device_udp/NetDeviceUDPSerial.h"
 
-namespace {
-
-std::atomic<bool> counting{false};
-std::atomic<uint64_t> allocations{0};
-
-void* counted_alloc(std::size_t size) {
-    if (counting.load(std::memory_order_relaxed)) allocations.fetch_add(1, std::memory_order_relaxed);
-    void* memory = std::malloc(size == 0 ? 1 : size);
-    if (memory == nullptr) throw std::bad_alloc();
-    return memory;
-}
-
-// Allocations made while it lives; read them after the region closes.
-class AllocationCounter {
-public:
-    AllocationCounter() {
-        allocations = 0;
-        counting = true;
-    }
-    ~AllocationCounter() { counting = false; }
-    uint64_t stop() {
-        counting = false;
-        return allocations;
-    }
-};
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-    return counted_alloc(size);
-}
-void* operator new[](std::size_t size) {
-    return counted_alloc(size);
-}
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    if (counting.load(std::memory_order_relaxed)) allocations.fetch_add(1, std::memory_order_relaxed);
-    return std::malloc(size == 0 ? 1 : size);
-}
-void* operator new[](std::size_t size, const std::nothrow_t& tag) noexcept {
-    return operator new(size, tag);
-}
-void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-void operator delete[](void* memory) noexcept {
-    std::free(memory);
-}
-void operator delete(void* memory, std::size_t) noexcept {
-    std::free(memory);
-}
-void operator delete[](void* memory, std::size_t) noexcept {
-    std::free(memory);
-}
-
+using test_support::AllocationCounter;
 using test_support::Bytes;
 using vostrelka::ConstSlice;
 using vostrelka::InetAddress;

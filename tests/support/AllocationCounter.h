@@ -1,0 +1,73 @@
+#pragma once
+// Counts heap allocations made inside a measured region. Including this
+// header REPLACES the global allocation functions of the whole binary, so
+// include it from exactly one file, in a test binary of its own (every
+// *Test.cpp is one).
+#include <atomic>
+#include <cstdint>
+#include <cstdlib>
+#include <new>
+
+namespace test_support {
+
+inline std::atomic<bool> allocation_counting{false};
+inline std::atomic<uint64_t> allocation_count{0};
+
+// Allocations made while it lives; read them after the region closes.
+class AllocationCounter {
+public:
+    AllocationCounter() {
+        allocation_count = 0;
+        allocation_counting = true;
+    }
+    ~AllocationCounter() { allocation_counting = false; }
+    uint64_t stop() {
+        allocation_counting = false;
+        return allocation_count;
+    }
+};
+
+inline void* counted_malloc(std::size_t size) {
+    if (allocation_counting.load(std::memory_order_relaxed)) {
+        allocation_count.fetch_add(1, std::memory_order_relaxed);
+    }
+    return std::malloc(size == 0 ? 1 : size);
+}
+
+}  // namespace test_support
+
+// Memory from these operator new comes from malloc, so free is the right
+// release; g++ cannot see that through the replacement and would warn.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+#endif
+void* operator new(std::size_t size) {
+    void* memory = test_support::counted_malloc(size);
+    if (memory == nullptr) throw std::bad_alloc();
+    return memory;
+}
+void* operator new[](std::size_t size) {
+    return operator new(size);
+}
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    return test_support::counted_malloc(size);
+}
+void* operator new[](std::size_t size, const std::nothrow_t& tag) noexcept {
+    return operator new(size, tag);
+}
+void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete[](void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept {
+    std::free(memory);
+}
+void operator delete[](void* memory, std::size_t) noexcept {
+    std::free(memory);
+}
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
