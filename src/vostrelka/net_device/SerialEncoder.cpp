@@ -1,6 +1,8 @@
 #include "vostrelka/net_device/SerialEncoder.h"
 
+#include <algorithm>
 #include <cstdint>
+#include <cstring>
 
 #include "vostrelka/net_device/XCRC32.h"
 
@@ -129,7 +131,16 @@ uint64_t SerialEncoder::decode(const ConstSlice<unsigned char>& data, SerialEnco
             in_frame = !handle_message(stats);
             rx_buffer.clear();
         } else {
-            rx_buffer.push_back(byte);
+            // Collecting a plain byte: take the whole run of plain bytes that
+            // follows, as far as the room goes, in one copy. Byte by byte this
+            // is most of the work of decoding; the byte that ends the run
+            // goes through the states above as usual.
+            const uint64_t limit = i + std::min(data.size - i, rx_buffer.room());
+            uint64_t end = i + 1;
+            while (end < limit && !needs_escape(data.data[end])) ++end;
+            std::memcpy(rx_buffer.data + rx_buffer.size, data.data + i, end - i);
+            rx_buffer.size += end - i;
+            i = end - 1;
         }
     }
     return decoded;
