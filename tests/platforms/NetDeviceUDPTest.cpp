@@ -102,13 +102,15 @@ TEST_F(UdpDeviceTest, SendsPayloadUpToBufferSizeAndRefusesLongerSilently) {
 TEST_F(UdpDeviceTest, RemembersTheSenderOfTheLastDatagram) {
     EXPECT_EQ(device->get_sender_inet_addr().to_s(), ":");
 
+    // Back and forth, and twice in a row: each datagram names its own sender.
     UdpEndpoint other;
-    for (UdpEndpoint* sender : {&peer, &other}) {
+    for (UdpEndpoint* sender : {&peer, &other, &other, &peer}) {
         ASSERT_TRUE(sender->send_to(device_port, {1, 2, DEVICE_ADDRESS, 4}));
         read_one();
         const InetAddress& from = device->get_sender_inet_addr();
         EXPECT_EQ(from.to_s(), sender->address());
         EXPECT_EQ(from.addr.sin_port, htons(sender->port()));
+        EXPECT_EQ(from.port, sender->port());
     }
     // Learning a sender does not redirect what the device sends.
     ASSERT_EQ(device->send_raw(make_frame(1, 2, 3, {4})), 0);
