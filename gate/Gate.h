@@ -6,6 +6,7 @@
 // tables), GateRouting.cpp (on_frame and forwarding), GateService.cpp
 // (service frames), GateLoop.cpp (the main loop).
 #include <cstdint>
+#include <cstdlib>
 #include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -18,6 +19,7 @@
 #include "vostrelka/EventLoopEntry.h"
 #include "vostrelka/InetAddress.h"
 #include "vostrelka/Resolver.h"
+#include "vostrelka/debug.h"
 #include "vostrelka/net_device/NetDevice.h"
 #include "vostrelka/net_device/NetDeviceFactory.h"
 
@@ -26,6 +28,9 @@ namespace vostrelka {
 class RunnerHandler;
 namespace manet {
 struct MAPacket;
+}
+namespace net_device {
+class NetDeviceUDP;
 }
 
 using json = nlohmann::json;
@@ -47,10 +52,18 @@ public:
         uint32_t id = 0;
         uint8_t type = LOCAL;  // LOCAL, MANET; anything else is inert
         std::shared_ptr<net_device::NetDevice> net_device;
+
+        // `net_device` seen as a UDP device ("udp", "udpserial"), or null.
+        // Whoever creates the interface may fill `udp` (and set
+        // `udp_checked`); otherwise udp_device() works it out once, so that
+        // routing does not pay a dynamic_cast per frame.
+        net_device::NetDeviceUDP* udp = nullptr;
+        bool udp_checked = false;
+        net_device::NetDeviceUDP* udp_device();
     };
 
     struct LocalPeer {
-        Interface* iface = nullptr;             // points into `ifaces`
+        Interface* iface = nullptr;            // points into `ifaces`
         std::optional<InetAddress> inet_addr;  // UDP devices only
     };
 
@@ -76,17 +89,18 @@ public:
     template <typename T>
     T parse_json_value(const json& object, const std::string& key);
 
-    // Main loop. loop() runs run_once() for ever.
+    // Main loop. loop() runs run_once() for ever. `max_wait_us` only
+    // shortens the wait in select() (tests drive single passes with it).
     [[noreturn]] void loop();
-    void run_once();
+    void run_once(int64_t max_wait_us = MAX_SELECT_WAIT_US);
     void check_serial_port();
 
     // Routing.
     void on_frame(net_device::NetDevice& device, const net_device::Frame& frame) override;
     void forward_local_frame(const net_device::NetDevice& from_device, const net_device::Frame& frame,
                              const std::optional<InetAddress>& from_inet);
-    void forward_manet_frame(const Interface& from_iface, const net_device::Frame& frame,
-                             const manet::MAPacket& packet, const std::optional<InetAddress>& from_inet);
+    void forward_manet_frame(const Interface& from_iface, const net_device::Frame& frame, const manet::MAPacket& packet,
+                             const std::optional<InetAddress>& from_inet);
     void handle_service_frame(const net_device::Frame& frame);
 
     // Peer tables.
@@ -111,5 +125,16 @@ public:
     std::map<uint32_t, std::vector<MANetPeer>> manet_peers;
     std::vector<std::unique_ptr<RunnerHandler>> handlers;
 };
+
+// `object[key]` as T; a missing key is a configuration error that ends the
+// program. Conversion errors are the JSON library's and are not caught.
+template <typename T>
+T Gate::parse_json_value(const json& object, const std::string& key) {
+    if (!object.contains(key)) {
+        debug("ERROR: missing \"%s\" field", key.c_str());
+        exit(1);
+    }
+    return object[key].template get<T>();
+}
 
 }  // namespace vostrelka

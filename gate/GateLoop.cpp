@@ -1,0 +1,168 @@
+// The gateway's one thread of work: wait for the devices, let them read
+// and deliver, then the periodic chores of a pass.
+#include <sys/select.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+
+#include "Gate.h"
+#include "RunnerHandler.h"
+#include "vostrelka/SerialPort.h"
+#include "vostrelka/Time.h"
+#include "vostrelka/debug.h"
+
+namespace vostrelka {
+
+namespace {
+constexpr int SELECT_FD_LIMIT = 1024;
+constexpr int64_t US_PER_S = 1000000;
+
+void log_select_error(int error) {
+    constexpr const char* TAG = "EventProcessor";
+    switch (error) {
+        case EBADF:
+            debug_tagged(TAG, "ERROR: bad file descriptor!");
+            break;
+        case EINTR:
+            debug_tagged(TAG, "ERROR: unblocked signal!");
+            break;
+        case EINVAL:
+            debug_tagged(TAG, "ERROR: wrong argument!");
+            break;
+        case ENOMEM:
+            debug_tagged(TAG, "ERROR: no memory!");
+            break;
+        default:
+            debug_tagged(TAG, "ERROR: unexpected select error %d", error);
+            break;
+    }
+}
+}  // namespace
+
+void Gate::loop() {
+    for (;;) run_once();
+}
+
+void Gate::run_once(int64_t max_wait_us) {
+    fd_set read_set;
+    fd_set write_set;
+    fd_set except_set;
+    FD_ZERO(&read_set);
+    FD_ZERO(&write_set);
+    FD_ZERO(&except_set);
+
+    // The timer that counts is the LAST entry's that has one, not the
+    // earliest. Deliberate; devices are written around it.
+    event_system::EventLoopEntry* timer_entry = nullptr;
+    int64_t deadline = 0;
+    for (event_system::EventLoopEntry* entry : event_loop_entries) {
+        entry->register_fd(&read_set, &write_set, &except_set);
+        if (entry->timer_deadline != 0) {
+            timer_entry = entry;
+            deadline = entry->timer_deadline;
+        }
+    }
+
+    int64_t wait_us = MAX_SELECT_WAIT_US;
+    if (timer_entry != nullptr) {
+        const int64_t until_deadline_us = deadline - time_us();
+        if (until_deadline_us < MAX_SELECT_WAIT_US) wait_us = until_deadline_us < 0 ? 0 : until_deadline_us;
+    }
+    if (wait_us > max_wait_us) wait_us = max_wait_us;
+    timeval wait{};
+    wait.tv_sec = static_cast<time_t>(wait_us / US_PER_S);
+    wait.tv_usec = static_cast<suseconds_t>(wait_us % US_PER_S);
+
+    // The exception set is deliberately not given to select(): an entry that
+    // put its descriptor there is told "exception" in every pass in which
+    // anything was ready.
+    const int ready = select(SELECT_FD_LIMIT, &read_set, &write_set, nullptr, &wait);
+    if (ready > 0) {
+        for (event_system::EventLoopEntry* entry : event_loop_entries) {
+            uint8_t events = 0;
+            if (entry->is_fd_set(&write_set)) events |= event_system::EVENT_WRITABLE;
+            if (entry->is_fd_set(&read_set)) events |= event_system::EVENT_READABLE;
+            if (entry->is_fd_set(&except_set)) events |= event_system::EVENT_EXCEPTION;
+            if (events != 0) entry->on_event(events);
+        }
+    } else if (ready < 0) {
+        log_select_error(errno);
+    }
+
+    if (timer_entry != nullptr && timer_entry->overrides_on_timer() && time_us() >= deadline) {
+        timer_entry->on_timer(deadline);
+    }
+
+    check_serial_port();
+
+    const long now = time_us();
+    for (auto& handler : handlers) handler->update(now);
+
+    for (auto links_it = manet_peers.begin(); links_it != manet_peers.end();) {
+        std::vector<MANetPeer>& links = links_it->second;
+        for (size_t i = 0; i < links.size();) {
+            MANetPeer& link = links[i];
+            if (link.iface->type == LOCAL) {
+                // Links learned from local traffic go when the node falls silent.
+                if (static_cast<int64_t>(link.last_seen) + PEER_TIMEOUT_US < now) {
+                    debug("Remove MANet peer on iface %u, last seen %lu: %s", link.iface->id,
+                          static_cast<unsigned long>(link.last_seen), full_addr_s_manet(links_it->first, link).c_str());
+                    links.erase(links.begin() + static_cast<std::ptrdiff_t>(i));
+                    continue;
+                }
+            } else if (link.resolver && !link.inet_addr && link.resolver->finished()) {
+                // A lookup that finished without an answer leaves the link
+                // unresolved for good; it is not restarted.
+                std::optional<InetAddress> resolved = link.resolver->get_resolved_address();
+                if (resolved) {
+                    link.inet_addr = std::move(resolved);
+                    debug("MANet peer on iface %u retrieved addrinfo '%s': '%s'", link.iface->id,
+                          link.resolver->to_s().c_str(), link.inet_addr->to_s().c_str());
+                }
+            }
+            ++i;
+        }
+        // A gateway without links is unknown again, so that MANet traffic
+        // from it is no longer accepted.
+        if (links.empty()) {
+            links_it = manet_peers.erase(links_it);
+        } else {
+            ++links_it;
+        }
+    }
+}
+
+void Gate::check_serial_port() {
+    for (auto& record : factory.serial_ports()) {
+        drivers::SerialPort& port = *record.port;
+        struct stat path_stat {};
+        const bool path_exists = stat(record.path.c_str(), &path_stat) == 0;
+
+        if (port.is_open()) {
+            // An unplugged adapter leaves a descriptor whose mode is empty.
+            struct stat fd_stat {};
+            if (fstat(port.get_fd(), &fd_stat) != 0 || (fd_stat.st_mode & 0xFFF) == 0) {
+                debug("Serial port %s disconnected", record.path.c_str());
+                port.close();
+            }
+            continue;
+        }
+        if (!path_exists) continue;
+
+        const int opened = port.open(record.path.c_str());
+        debug("Serial port %s connecting", record.path.c_str());
+        if (opened != 0) {
+            debug("ERROR: open serial port: %s", record.path.c_str());
+            continue;
+        }
+        const auto stop_bits =
+            record.stop_bits == 2 ? drivers::SerialPort::StopBits::TWO : drivers::SerialPort::StopBits::ONE;
+        if (port.configure(static_cast<unsigned int>(record.baud_rate), drivers::SerialPort::Parity::NONE, stop_bits) !=
+            0) {
+            debug("ERROR: set serial port baudrate to %i and stop bits to %i", static_cast<int>(record.baud_rate),
+                  record.stop_bits);
+        }
+    }
+}
+
+}  // namespace vostrelka

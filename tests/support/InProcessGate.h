@@ -1,0 +1,78 @@
+#pragma once
+// A Gate built in the test process, with interfaces inserted by hand, and
+// the small builders the gateway tests share.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Gate.h"
+#include "support/RecordingNetDevice.h"
+
+namespace test_support {
+
+struct InProcessGate {
+    vostrelka::Gate gate;
+
+    // Adds interface `id` of `type` over `device` and makes the gate its handler.
+    vostrelka::Gate::Interface& add_iface(uint32_t id, uint8_t type,
+                                          std::shared_ptr<vostrelka::net_device::NetDevice> device) {
+        device->set_handler(&gate);
+        vostrelka::Gate::Interface& iface = gate.ifaces[id];
+        iface.id = id;
+        iface.type = type;
+        iface.net_device = std::move(device);
+        return iface;
+    }
+    std::shared_ptr<RecordingNetDevice> add_recording_iface(uint32_t id, uint8_t type = vostrelka::Gate::LOCAL) {
+        auto device = std::make_shared<RecordingNetDevice>();
+        add_iface(id, type, device);
+        return device;
+    }
+    vostrelka::Gate::Interface& iface(uint32_t id) { return gate.ifaces.at(id); }
+};
+
+// A frame over `payload`, which must outlive it.
+inline vostrelka::net_device::Frame make_frame(uint8_t proto_id, uint8_t src, uint8_t dst,
+                                               const std::vector<uint8_t>& payload) {
+    vostrelka::net_device::Frame frame;
+    frame.proto_id = proto_id;
+    frame.src = src;
+    frame.dst = dst;
+    frame.payload = vostrelka::ConstSlice<unsigned char>(payload.data(), payload.size());
+    return frame;
+}
+
+// A MANet packet: the 10-byte header, then `data`.
+inline std::vector<uint8_t> manet_payload(uint32_t src_addr, uint32_t dst_addr, std::vector<uint8_t> data = {},
+                                          uint8_t kind = 0, uint8_t flag = 0) {
+    std::vector<uint8_t> bytes;
+    for (uint32_t value : {src_addr, dst_addr}) {
+        for (int shift = 0; shift < 32; shift += 8) bytes.push_back(static_cast<uint8_t>(value >> shift));
+    }
+    bytes.push_back(kind);
+    bytes.push_back(flag);
+    bytes.insert(bytes.end(), data.begin(), data.end());
+    return bytes;
+}
+
+// Standard output of `action`, split into lines.
+template <typename Action>
+std::vector<std::string> log_lines_of(Action&& action) {
+    testing::internal::CaptureStdout();
+    action();
+    const std::string text = testing::internal::GetCapturedStdout();
+    std::vector<std::string> lines;
+    size_t start = 0;
+    while (start < text.size()) {
+        size_t end = text.find('\n', start);
+        if (end == std::string::npos) end = text.size();
+        lines.push_back(text.substr(start, end - start));
+        start = end + 1;
+    }
+    return lines;
+}
+
+}  // namespace test_support
