@@ -1,0 +1,191 @@
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "RFModemHandler.h"
+#include "support/InProcessGate.h"
+#include "support/PtyPair.h"
+#include "vostrelka/SerialPort.h"
+#include "vostrelka/Time.h"
+
+using test_support::log_lines_of;
+using vostrelka::Gate;
+using vostrelka::event_system::EventLoopEntry;
+using Lines = std::vector<std::string>;
+
+namespace {
+
+constexpr int64_t NO_WAIT_US = 0;
+constexpr int64_t SECOND_US = 1000000;
+
+// An entry over one end of a socket pair that records what the loop tells it.
+class ProbeEntry : public EventLoopEntry {
+public:
+    explicit ProbeEntry(int fd_ = -1, bool has_timer_handler_ = true) : fd(fd_), has_timer_handler(has_timer_handler_) {}
+
+    bool is_fd_set(fd_set* set) override { return fd >= 0 && FD_ISSET(fd, set); }
+    void register_fd(fd_set* read_set, fd_set* write_set, fd_set* except_set) override {
+        if (fd < 0) return;
+        FD_SET(fd, read_set);
+        if (watch_write) FD_SET(fd, write_set);
+        if (watch_except) FD_SET(fd, except_set);
+    }
+    void on_event(uint8_t bits) override { events.push_back(bits); }
+    void on_timer(int64_t deadline) override { timers.push_back(deadline); }
+    bool overrides_on_timer() const override { return has_timer_handler; }
+
+    int fd;
+    bool has_timer_handler;
+    bool watch_write = false;
+    bool watch_except = false;
+    std::vector<uint8_t> events;
+    std::vector<int64_t> timers;
+};
+
+struct SocketPair {
+    int fds[2] = {-1, -1};
+    SocketPair() { EXPECT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, fds), 0); }
+    ~SocketPair() {
+        close(fds[0]);
+        close(fds[1]);
+    }
+    void make_readable() { EXPECT_EQ(write(fds[1], "x", 1), 1); }
+};
+
+class GateLoopTest : public ::testing::Test {
+protected:
+    test_support::InProcessGate bench;
+    Gate& gate = bench.gate;
+
+    Lines pass() {
+        return log_lines_of([&] { gate.run_once(NO_WAIT_US); });
+    }
+};
+
+TEST_F(GateLoopTest, ReadyEntriesGetTheirBitsAndTheExceptionBitWheneverAnythingWasReady) {
+    SocketPair busy;
+    SocketPair idle;
+    ProbeEntry reader(busy.fds[0]);
+    reader.watch_write = true;
+    ProbeEntry quiet(idle.fds[0]);
+    quiet.watch_except = true;
+    gate.event_loop_entries.push_back(&reader);
+    gate.event_loop_entries.push_back(&quiet);
+
+    pass();
+    EXPECT_EQ(reader.events, (std::vector<uint8_t>{0x01}));
+    EXPECT_EQ(quiet.events, (std::vector<uint8_t>{0x04}));
+
+    busy.make_readable();
+    pass();
+    EXPECT_EQ(reader.events, (std::vector<uint8_t>{0x01, 0x03}));
+    EXPECT_EQ(quiet.events, (std::vector<uint8_t>{0x04, 0x04}));
+}
+
+TEST_F(GateLoopTest, NothingReadyMeansNoEventsAtAll) {
+    SocketPair idle;
+    ProbeEntry quiet(idle.fds[0]);
+    quiet.watch_except = true;
+    gate.event_loop_entries.push_back(&quiet);
+    pass();
+    EXPECT_TRUE(quiet.events.empty());
+}
+
+TEST_F(GateLoopTest, OnlyTheLastEntryWithATimerCountsAndOnlyOnceDue) {
+    const int64_t past = vostrelka::time_us() - SECOND_US;
+    ProbeEntry early;
+    early.timer_deadline = past;
+    ProbeEntry last;
+    last.timer_deadline = vostrelka::time_us() + 3600 * SECOND_US;
+    ProbeEntry without_timer;
+    gate.event_loop_entries.push_back(&early);
+    gate.event_loop_entries.push_back(&last);
+    gate.event_loop_entries.push_back(&without_timer);
+
+    pass();
+    EXPECT_TRUE(early.timers.empty());
+    EXPECT_TRUE(last.timers.empty());
+
+    last.timer_deadline = past + 1;
+    pass();
+    EXPECT_TRUE(early.timers.empty());
+    EXPECT_EQ(last.timers, (std::vector<int64_t>{past + 1}));
+}
+
+TEST_F(GateLoopTest, DueTimerOfAnEntryWithoutTimerHandlerIsSkipped) {
+    ProbeEntry plain(-1, false);
+    plain.timer_deadline = vostrelka::time_us() - SECOND_US;
+    gate.event_loop_entries.push_back(&plain);
+    pass();
+    EXPECT_TRUE(plain.timers.empty());
+}
+
+TEST_F(GateLoopTest, SelectFailureIsLoggedAndThePassGoesOn) {
+    auto radio = bench.add_recording_iface(1);
+    gate.handlers.push_back(std::make_unique<vostrelka::RFModemHandler>(radio.get(), 1, 1.0f, 1));
+    ProbeEntry stale;
+    gate.event_loop_entries.push_back(&stale);
+
+    const Lines lines = log_lines_of([&] {
+        // A descriptor closed after the capture opened its own, so that
+        // nothing takes its number before select() sees it.
+        int fds[2];
+        ASSERT_EQ(pipe(fds), 0);
+        close(fds[0]);
+        close(fds[1]);
+        stale.fd = fds[0];
+        gate.run_once(NO_WAIT_US);
+    });
+    EXPECT_EQ(lines, Lines{"EventProcessor: ERROR: bad file descriptor!"});
+    EXPECT_TRUE(stale.events.empty());
+    EXPECT_EQ(radio->sent.size(), 1u);
+}
+
+TEST_F(GateLoopTest, LinksLearnedOnLocalLinksAgeOutAfterTenSilentSeconds) {
+    bench.add_recording_iface(1);
+    bench.add_recording_iface(3, Gate::MANET);
+    log_lines_of([&] {
+        gate.add_manet_peer(bench.iface(1), 0x0B000001, 0x07, nullptr, {});
+        gate.add_manet_peer(bench.iface(1), 0x0B000002, 0x08, nullptr, {});
+        gate.add_manet_peer(bench.iface(3), 0x0B000002, 0x09, nullptr, {});
+        gate.add_manet_peer(bench.iface(1), 0x0B000003, 0x0A, nullptr, {});
+    });
+    const uint64_t now = static_cast<uint64_t>(vostrelka::time_us());
+    const uint64_t stale = now - Gate::PEER_TIMEOUT_US - SECOND_US / 2;
+    gate.manet_peers.at(0x0B000001)[0].last_seen = stale;
+    gate.manet_peers.at(0x0B000002)[0].last_seen = stale;
+    gate.manet_peers.at(0x0B000002)[1].last_seen = stale;  // on the MANet interface: never ages
+    gate.manet_peers.at(0x0B000003)[0].last_seen = now - Gate::PEER_TIMEOUT_US + SECOND_US;
+
+    const std::string seen = std::to_string(stale);
+    EXPECT_EQ(pass(), (Lines{"Remove MANet peer on iface 1, last seen " + seen + ": 0x0B000001 / 0x07",
+                             "Remove MANet peer on iface 1, last seen " + seen + ": 0x0B000002 / 0x08"}));
+    EXPECT_EQ(gate.manet_peers.count(0x0B000001), 0u);
+    ASSERT_EQ(gate.manet_peers.at(0x0B000002).size(), 1u);
+    EXPECT_EQ(gate.manet_peers.at(0x0B000002)[0].local_addr, 0x09);
+    EXPECT_EQ(gate.manet_peers.count(0x0B000003), 1u);
+}
+
+TEST_F(GateLoopTest, SerialPortIsReopenedWhenItsPathExistsAndClosedWhenItsDescriptorDies) {
+    test_support::PtyPair line;
+    ASSERT_TRUE(line.ok());
+    auto port = std::make_shared<vostrelka::drivers::SerialPort>();
+    vostrelka::net_device::NetDeviceFactory::SerialPortDeviceInfo record;
+    record.port = port;
+    record.baud_rate = 115200;
+    record.path = line.slave_path();
+    gate.factory.serial_ports().push_back(record);
+    record.port = std::make_shared<vostrelka::drivers::SerialPort>();
+    record.path = "/dev/no-such-serial-adapter";
+    gate.factory.serial_ports().push_back(record);
+
+    EXPECT_EQ(pass(), Lines{"Serial port " + line.slave_path() + " connecting"});
+    EXPECT_TRUE(port->is_open());
+    EXPECT_EQ(pass(), Lines{});
+
+    close(port->get_fd());
+    EXPECT_EQ(pass(), Lines{"Serial port " + line.slave_path() + " disconnected"});
+    EXPECT_FALSE(port->is_open());
+}
+
+}  // namespace
