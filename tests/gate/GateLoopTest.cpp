@@ -21,7 +21,8 @@ constexpr int64_t SECOND_US = 1000000;
 // An entry over one end of a socket pair that records what the loop tells it.
 class ProbeEntry : public EventLoopEntry {
 public:
-    explicit ProbeEntry(int fd_ = -1, bool has_timer_handler_ = true) : fd(fd_), has_timer_handler(has_timer_handler_) {}
+    explicit ProbeEntry(int fd_ = -1, bool has_timer_handler_ = true)
+        : fd(fd_), has_timer_handler(has_timer_handler_) {}
 
     bool is_fd_set(fd_set* set) override { return fd >= 0 && FD_ISSET(fd, set); }
     void register_fd(fd_set* read_set, fd_set* write_set, fd_set* except_set) override {

@@ -10,6 +10,7 @@
 
 #include "Gate.h"
 #include "support/RecordingNetDevice.h"
+#include "support/frame_recorder.h"
 
 namespace test_support {
 
@@ -33,17 +34,6 @@ struct InProcessGate {
     }
     vostrelka::Gate::Interface& iface(uint32_t id) { return gate.ifaces.at(id); }
 };
-
-// A frame over `payload`, which must outlive it.
-inline vostrelka::net_device::Frame make_frame(uint8_t proto_id, uint8_t src, uint8_t dst,
-                                               const std::vector<uint8_t>& payload) {
-    vostrelka::net_device::Frame frame;
-    frame.proto_id = proto_id;
-    frame.src = src;
-    frame.dst = dst;
-    frame.payload = vostrelka::ConstSlice<unsigned char>(payload.data(), payload.size());
-    return frame;
-}
 
 // A MANet packet: the 10-byte header, then `data`.
 inline std::vector<uint8_t> manet_payload(uint32_t src_addr, uint32_t dst_addr, std::vector<uint8_t> data = {},

@@ -4,16 +4,10 @@
 #include <cstdint>
 #include <vector>
 
+#include "support/frame_recorder.h"
 #include "vostrelka/net_device/NetDevice.h"
 
 namespace test_support {
-
-struct SentFrame {
-    uint8_t proto_id = 0;
-    uint8_t src = 0;
-    uint8_t dst = 0;
-    std::vector<uint8_t> payload;
-};
 
 class RecordingNetDevice : public vostrelka::net_device::NetDevice {
 public:
@@ -28,7 +22,7 @@ public:
     // real device does after decoding it.
     void receive(const vostrelka::net_device::Frame& frame) { deliver(frame); }
 
-    std::vector<SentFrame> sent;
+    std::vector<RecordedFrame> sent;
 };
 
 }  // namespace test_support
