@@ -167,6 +167,25 @@ TEST_F(GateLoopTest, LinksLearnedOnLocalLinksAgeOutAfterTenSilentSeconds) {
     EXPECT_EQ(gate.manet_peers.count(0x0B000003), 1u);
 }
 
+TEST_F(GateLoopTest, FinishedNameResolutionGivesTheLinkItsAddress) {
+    bench.add_recording_iface(3, Gate::MANET);
+    auto resolver =
+        std::make_unique<vostrelka::AddressResolver>(*vostrelka::HostPort::from(std::string("127.0.0.1:5000")), false);
+    log_lines_of([&] { gate.add_manet_peer(bench.iface(3), 0x0A000001, 0xFF, std::move(resolver), {}); });
+    const Gate::MANetPeer& link = gate.manet_peers.at(0x0A000001).front();
+
+    constexpr int64_t PASS_WAIT_US = 10000;
+    const int64_t give_up = vostrelka::time_us() + 5 * SECOND_US;
+    Lines lines;
+    while (!link.inet_addr && vostrelka::time_us() < give_up) {
+        for (auto& line : log_lines_of([&] { gate.run_once(PASS_WAIT_US); })) lines.push_back(line);
+    }
+    ASSERT_TRUE(link.inet_addr.has_value());
+    EXPECT_EQ(lines, Lines{"MANet peer on iface 3 retrieved addrinfo '127.0.0.1:5000': '127.0.0.1:5000'"});
+    EXPECT_EQ(gate.full_addr_s_manet(0x0A000001, link), "0x0A000001 / 0xFF / 127.0.0.1:5000 / 127.0.0.1:5000");
+    EXPECT_EQ(pass(), Lines{});
+}
+
 TEST_F(GateLoopTest, SerialPortIsReopenedWhenItsPathExistsAndClosedWhenItsDescriptorDies) {
     test_support::PtyPair line;
     ASSERT_TRUE(line.ok());

@@ -61,7 +61,7 @@ TEST_F(GatePeersTest, AddressesCompareByTextNotBySocketAddress) {
 }
 
 TEST_F(GatePeersTest, ManetPeerWithBothResolverAndAddressIsRefusedSilently) {
-    auto given = resolver("gw.example:5000");
+    auto given = resolver("localhost:5000");
     EXPECT_EQ(log_lines_of([&] {
                   EXPECT_FALSE(gate.add_manet_peer(manet3, 0x0A000001, 0x10, std::move(given), inet("10.0.0.1:5000")));
               }),
@@ -70,8 +70,8 @@ TEST_F(GatePeersTest, ManetPeerWithBothResolverAndAddressIsRefusedSilently) {
 }
 
 TEST_F(GatePeersTest, ManetPeerTextShowsResolverAndAddressAsKnown) {
-    EXPECT_EQ(log_lines_of([&] { gate.add_manet_peer(manet3, 0x0A000001, 0xFF, resolver("gw.example:5000"), {}); }),
-              Lines{"add MANet peer on iface 3: 0x0A000001 / 0xFF / gw.example:5000 / UNKNOWN INET ADDR"});
+    EXPECT_EQ(log_lines_of([&] { gate.add_manet_peer(manet3, 0x0A000001, 0xFF, resolver("localhost:5000"), {}); }),
+              Lines{"add MANet peer on iface 3: 0x0A000001 / 0xFF / localhost:5000 / UNKNOWN INET ADDR"});
     EXPECT_EQ(log_lines_of([&] { gate.add_manet_peer(serial1, 0x0A000002, 0x07, nullptr, {}); }),
               Lines{"add MANet peer on iface 1: 0x0A000002 / 0x07"});
     EXPECT_EQ(log_lines_of([&] { gate.add_manet_peer(manet3, 0x0A000003, 0x08, nullptr, inet("10.0.0.3:1")); }),
@@ -79,7 +79,7 @@ TEST_F(GatePeersTest, ManetPeerTextShowsResolverAndAddressAsKnown) {
 
     Gate::MANetPeer& named = gate.manet_peers.at(0x0A000001).front();
     named.inet_addr = inet("10.0.0.1:5000");
-    EXPECT_EQ(gate.full_addr_s_manet(0x0A000001, named), "0x0A000001 / 0xFF / gw.example:5000 / 10.0.0.1:5000");
+    EXPECT_EQ(gate.full_addr_s_manet(0x0A000001, named), "0x0A000001 / 0xFF / localhost:5000 / 10.0.0.1:5000");
 }
 
 TEST_F(GatePeersTest, PeerTextIsCutAt127Characters) {
@@ -120,11 +120,10 @@ TEST_F(GatePeersTest, SameLinkRefreshesTheFirstLinkOfTheGatewayWhicheverMatched)
 }
 
 TEST_F(GatePeersTest, SameHostTextOnlyRefreshesAndDropsTheNewResolver) {
-    gate.add_manet_peer(manet3, 0x0A000001, 0xFF, resolver("gw.example:5000"), {});
+    gate.add_manet_peer(manet3, 0x0A000001, 0xFF, resolver("localhost:5000"), {});
     AddressResolver* kept = gate.manet_peers.at(0x0A000001).front().resolver.get();
-    EXPECT_EQ(log_lines_of([&] {
-                  EXPECT_FALSE(gate.add_manet_peer(manet3, 0x0A000001, 0xFF, resolver("gw.example:5000"), {}));
-              }),
+    EXPECT_EQ(log_lines_of(
+                  [&] { EXPECT_FALSE(gate.add_manet_peer(manet3, 0x0A000001, 0xFF, resolver("localhost:5000"), {})); }),
               Lines{});
     EXPECT_EQ(gate.manet_peers.at(0x0A000001).front().resolver.get(), kept);
 }
@@ -139,15 +138,15 @@ TEST_F(GatePeersTest, ANewAddressOrHostReplacesTheLinkOnThatInterfaceOnly) {
 
     // A host name never matches a link that has none.
     EXPECT_EQ(log_lines_of(
-                  [&] { EXPECT_TRUE(gate.add_manet_peer(manet3, 0x0A000001, 0xFF, resolver("gw.example:5000"), {})); }),
+                  [&] { EXPECT_TRUE(gate.add_manet_peer(manet3, 0x0A000001, 0xFF, resolver("localhost:5000"), {})); }),
               (Lines{"Replace MANet peer on iface 3: 0x0A000001 / 0x12 / 10.0.0.2:5000",
-                     "add MANet peer on iface 3: 0x0A000001 / 0xFF / gw.example:5000 / UNKNOWN INET ADDR"}));
-    EXPECT_TRUE(gate.add_manet_peer(manet3, 0x0A000001, 0xFF, resolver("gw.example:5001"), {}));
+                     "add MANet peer on iface 3: 0x0A000001 / 0xFF / localhost:5000 / UNKNOWN INET ADDR"}));
+    EXPECT_TRUE(gate.add_manet_peer(manet3, 0x0A000001, 0xFF, resolver("localhost:5001"), {}));
 
     const auto& links = gate.manet_peers.at(0x0A000001);
     ASSERT_EQ(links.size(), 2u);
     EXPECT_EQ(links[0].iface, &serial1);
-    EXPECT_EQ(links[1].resolver->to_s(), "gw.example:5001");
+    EXPECT_EQ(links[1].resolver->to_s(), "localhost:5001");
 }
 
 TEST_F(GatePeersTest, SightingWithoutAddressMatchesAnyLinkOnThatInterface) {

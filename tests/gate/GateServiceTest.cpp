@@ -44,15 +44,6 @@ Bytes body_of(const fc::device_config& config) {
     return storage;
 }
 
-// Lines of the gateway itself; resolver threads log on their own schedule.
-Lines without_resolver_lines(Lines lines) {
-    Lines kept;
-    for (auto& line : lines) {
-        if (line.rfind("Trying to resolve", 0) != 0) kept.push_back(std::move(line));
-    }
-    return kept;
-}
-
 class GateServiceTest : public ::testing::Test {
 protected:
     test_support::InProcessGate bench;
@@ -61,8 +52,7 @@ protected:
     std::shared_ptr<RecordingNetDevice> manet3 = bench.add_recording_iface(3, Gate::MANET);
 
     Lines deliver(const Bytes& payload) {
-        return without_resolver_lines(
-            log_lines_of([&] { serial1->receive(make_frame(Gate::SERVICE_PROTO_ID, 0x01, 0xFF, payload)); }));
+        return log_lines_of([&] { serial1->receive(make_frame(Gate::SERVICE_PROTO_ID, 0x01, 0xFF, payload)); });
     }
 };
 
