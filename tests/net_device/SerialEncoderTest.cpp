@@ -99,6 +99,26 @@ TEST(XCRC32, MatchesCheckValueAndChains) {
     EXPECT_EQ(vostrelka::net_device::crc32_table[255], 0xB1F740B4u);
 }
 
+TEST(XCRC32, AgreesWithTheBitwiseDefinitionAtEveryLengthAndAlignment) {
+    auto bitwise = [](const uint8_t* data, size_t len, uint32_t crc) {
+        for (size_t i = 0; i < len; ++i) {
+            crc ^= static_cast<uint32_t>(data[i]) << 24;
+            for (int bit = 0; bit < 8; ++bit) crc = (crc & 0x80000000u) ? (crc << 1) ^ 0x04C11DB7u : crc << 1;
+        }
+        return crc;
+    };
+    Bytes data(80);
+    for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<uint8_t>(i * 151 + 17);
+    for (size_t offset = 0; offset < 4; ++offset) {
+        for (size_t len = 0; len + offset <= data.size(); ++len) {
+            for (uint32_t init : {0xFFFFFFFFu, 0x0u, 0x89ABCDEFu}) {
+                ASSERT_EQ(xcrc32(data.data() + offset, len, init), bitwise(data.data() + offset, len, init))
+                    << "offset " << offset << ", length " << len;
+            }
+        }
+    }
+}
+
 TEST(SerialEncoder, EncodesExactBytesEscapingCrcAndPayload) {
     Codec codec;
     EXPECT_EQ(codec.encode(make_frame(0x08, 0x01, 0x02, SMALL_PAYLOAD)), SMALL_WIRE);

@@ -36,8 +36,46 @@ const uint32_t crc32_table[256] = {
     0xBCB4666D, 0xB8757BDA, 0xB5365D03, 0xB1F740B4,
 };
 
+namespace {
+
+constexpr uint32_t POLYNOMIAL = 0x04C11DB7;
+constexpr int SLICE_BYTES = 4;
+
+// Four bytes at a time: slice[0] is crc32_table; slice[k][i] is what the
+// table's entry i becomes after k more bytes of zeros. The same CRC as one
+// byte at a time, for about half the work on every frame.
+struct SliceTables {
+    uint32_t slice[SLICE_BYTES][256] = {};
+};
+
+constexpr SliceTables make_slice_tables() {
+    SliceTables tables;
+    for (uint32_t i = 0; i < 256; ++i) {
+        uint32_t crc = i << 24;
+        for (int bit = 0; bit < 8; ++bit) crc = (crc & 0x80000000u) ? (crc << 1) ^ POLYNOMIAL : crc << 1;
+        tables.slice[0][i] = crc;
+    }
+    for (int k = 1; k < SLICE_BYTES; ++k) {
+        for (uint32_t i = 0; i < 256; ++i) {
+            const uint32_t previous = tables.slice[k - 1][i];
+            tables.slice[k][i] = (previous << 8) ^ tables.slice[0][previous >> 24];
+        }
+    }
+    return tables;
+}
+
+constexpr SliceTables SLICES = make_slice_tables();
+
+}  // namespace
+
 uint32_t xcrc32(const unsigned char* data, unsigned long len, unsigned int init) {
     uint32_t crc = init;
+    const auto& t = SLICES.slice;
+    for (; len >= SLICE_BYTES; len -= SLICE_BYTES, data += SLICE_BYTES) {
+        crc ^= static_cast<uint32_t>(data[0]) << 24 | static_cast<uint32_t>(data[1]) << 16 |
+               static_cast<uint32_t>(data[2]) << 8 | data[3];
+        crc = t[3][crc >> 24] ^ t[2][(crc >> 16) & 0xFF] ^ t[1][(crc >> 8) & 0xFF] ^ t[0][crc & 0xFF];
+    }
     for (unsigned long i = 0; i < len; ++i) crc = (crc << 8) ^ crc32_table[(crc >> 24) ^ data[i]];
     return crc;
 }
