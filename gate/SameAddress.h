@@ -9,6 +9,9 @@ namespace vostrelka {
 
 inline bool same_address(const InetAddress& a, const InetAddress& b) {
     if (a.host.size() + a.port_str.size() != b.host.size() + b.port_str.size()) return false;
+    // Hosts of one length (the case of every frame from a known sender):
+    // the texts match exactly when both parts do.
+    if (a.host.size() == b.host.size()) return a.host == b.host && a.port_str == b.port_str;
     // Walk both texts as if concatenated with their ':' in between.
     auto at = [](const InetAddress& x, size_t i) {
         if (i < x.host.size()) return x.host[i];
