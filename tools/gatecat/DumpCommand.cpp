@@ -94,6 +94,11 @@ int run_dump(const CommandLine& command_line, FILE* out) {
             status = EXIT_RUNTIME_FAILURE;
             break;
         }
+        if (opener.serial_line_lost()) {
+            std::fprintf(stderr, "gatecat: dump: %s disconnected\n", command_line.iface.c_str());
+            status = EXIT_RUNTIME_FAILURE;
+            break;
+        }
     }
     device->set_handler(nullptr);
 

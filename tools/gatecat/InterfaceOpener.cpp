@@ -1,6 +1,7 @@
 #include "gatecat/InterfaceOpener.h"
 
-#include "vostrelka/SerialPort.h"
+#include <sys/stat.h>
+
 
 namespace vostrelka {
 namespace gatecat {
@@ -89,8 +90,16 @@ std::unique_ptr<net_device::NetDevice> InterfaceOpener::open(const std::string& 
     if (device && factory.serial_ports().size() > serial_ports_before) {
         const auto& record = factory.serial_ports().back();
         if (!record.port || !record.port->is_open()) return nullptr;
+        serial_port = record.port;
     }
     return device;
+}
+
+bool InterfaceOpener::serial_line_lost() const {
+    if (!serial_port) return false;
+    // The mode of an unplugged adapter's descriptor reads as empty.
+    struct stat line {};
+    return fstat(serial_port->get_fd(), &line) != 0 || (line.st_mode & 07777) == 0;
 }
 
 }  // namespace gatecat

@@ -10,6 +10,7 @@
 #include <memory>
 #include <string>
 
+#include "vostrelka/SerialPort.h"
 #include "vostrelka/net_device/NetDevice.h"
 #include "vostrelka/net_device/NetDeviceFactory.h"
 
@@ -28,11 +29,17 @@ public:
     // factory has logged why. Call check() first.
     std::unique_ptr<net_device::NetDevice> open(const std::string& iface);
 
+    // Whether the serial line opened last has gone, as an unplugged adapter
+    // does: its descriptor then stays readable with nothing to read. Always
+    // false for other interfaces.
+    bool serial_line_lost() const;
+
 private:
     // The description with its address, as the factory takes it.
     std::string with_address(const std::string& iface);
 
     net_device::NetDeviceFactory factory;
+    std::shared_ptr<drivers::SerialPort> serial_port;
 };
 
 }  // namespace gatecat

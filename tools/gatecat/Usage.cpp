@@ -63,8 +63,9 @@ the frames of `dump`.
 
 Exit status:
   0  done: the frames were sent, or the dump stopped as asked
-  1  runtime failure: the interface did not open, a frame was refused or
-     not sent, or --count frames did not arrive before --timeout
+  1  runtime failure: the interface did not open or its serial adapter was
+     unplugged, a frame was refused or not sent, or --count frames did not
+     arrive before --timeout
   2  usage error: a bad command, option, interface description or frame,
      with one line on standard error
 )USAGE";
