@@ -103,7 +103,8 @@ int run_dump(const CommandLine& command_line, FILE* out) {
     device->set_handler(nullptr);
 
     const std::string counters = codec_error_counters(*device);
-    std::fprintf(stderr, "gatecat: %u frames%s%s\n", printer.frames(), counters.empty() ? "" : "; ", counters.c_str());
+    std::fprintf(stderr, "gatecat: %u frame%s%s%s\n", printer.frames(), printer.frames() == 1 ? "" : "s",
+                 counters.empty() ? "" : "; ", counters.c_str());
     if (timed_out && command_line.count != 0) {
         std::fprintf(stderr, "gatecat: dump: %u of %u frames before the timeout\n", printer.frames(),
                      command_line.count);
