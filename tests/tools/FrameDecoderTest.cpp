@@ -56,6 +56,15 @@ struct Case {
 
 TEST(FrameDecoder, PrintsEachCarrierByItsFieldNames) {
     const Case cases[] = {
+        {"MANet header",
+         10,
+         {1, 0, 0, 0, 0x02, 0x01, 0, 0x0A, 3, 7, 0xAA, 0xBB},
+         "manet 0x00000001 -> 0x0A000102 kind=3 flag=1 data=2"},
+        {"MANet header without data",
+         10,
+         {0xFF, 0xFF, 0xFF, 0xFF, 0, 0, 0, 0, 0, 0},
+         "manet 0xFFFFFFFF -> 0x00000000 kind=0 flag=0 data=0"},
+        {"MANet header cut short", 10, {1, 2, 3, 4, 5, 6, 7, 8, 9}, "manet header cut short (9 of 10 bytes)"},
         {"base_config as the modem handler sends it",
          14,
          {0x01, 0x09, 0, 0, 0, 0x05, 0, 0, 0, 0x00, 0x00, 0x80, 0x3F, 0x03},

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "MAPacket.h"
 #include "gatecat/MessagePrinter.h"
 #include "vostrelka/firmware_configurator/metadata.h"
 #include "vostrelka/guarantor/unpack_msgs.h"
@@ -60,6 +61,19 @@ std::string record_type_name(uint8_t type) {
     }
 }
 
+std::string decode_manet(const ConstSlice<unsigned char>& payload) {
+    manet::MAPacket packet;
+    if (!manet::MAPacket::parse(payload, packet)) {
+        return "manet header cut short (" + std::to_string(payload.size) + " of " +
+               std::to_string(manet::MAPacket::HEADER_SIZE) + " bytes)";
+    }
+    char text[96];
+    std::snprintf(text, sizeof text, "manet 0x%08X -> 0x%08X kind=%u flag=%u data=%llu", packet.src_addr,
+                  packet.dst_addr, packet.kind, packet.flag ? 1u : 0u,
+                  static_cast<unsigned long long>(packet.data.size));
+    return text;
+}
+
 std::string decode_service(const ConstSlice<unsigned char>& payload) {
     std::string out;
     const int32_t result = guarantor::unpack_msgs(
@@ -94,6 +108,8 @@ std::string decode_rfmodem(const ConstSlice<unsigned char>& payload) {
 
 std::string decode_frame(const net_device::Frame& frame) {
     switch (frame.proto_id) {
+        case MANET_PROTO_ID:
+            return decode_manet(frame.payload);
         case SERVICE_PROTO_ID:
             return decode_service(frame.payload);
         case RFMODEM_PROTO_ID:
