@@ -83,15 +83,6 @@ TEST_F(GateLoopTest, ReadyEntriesGetTheirBitsAndTheExceptionBitWheneverAnythingW
     EXPECT_EQ(quiet.events, (std::vector<uint8_t>{0x04, 0x04}));
 }
 
-TEST_F(GateLoopTest, NothingReadyMeansNoEventsAtAll) {
-    SocketPair idle;
-    ProbeEntry quiet(idle.fds[0]);
-    quiet.watch_except = true;
-    gate.event_loop_entries.push_back(&quiet);
-    pass();
-    EXPECT_TRUE(quiet.events.empty());
-}
-
 TEST_F(GateLoopTest, OnlyTheLastEntryWithATimerCountsAndOnlyOnceDue) {
     const int64_t past = vostrelka::time_us() - SECOND_US;
     ProbeEntry early;

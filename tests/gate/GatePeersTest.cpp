@@ -55,11 +55,6 @@ TEST_F(GatePeersTest, LocalPeerFollowsTheLastInterfaceAndAddressItWasHeardOn) {
     EXPECT_FALSE(gate.local_peers.at(0x05).inet_addr.has_value());
 }
 
-TEST_F(GatePeersTest, AddressesCompareByTextNotBySocketAddress) {
-    gate.add_local_peer(serial1, 0x05, inet("10.0.0.1:80"));
-    EXPECT_TRUE(gate.add_local_peer(serial1, 0x05, inet("10.0.0.1:080")));
-}
-
 TEST_F(GatePeersTest, ManetPeerWithBothResolverAndAddressIsRefusedSilently) {
     auto given = resolver("localhost:5000");
     EXPECT_EQ(log_lines_of([&] {

@@ -105,15 +105,6 @@ TEST_F(GateRoutingTest, NonManetFrameOnManetInterfaceIsDroppedWithAWarning) {
     EXPECT_EQ(gate.local_peers.count(0x20), 0u);
 }
 
-TEST_F(GateRoutingTest, InertInterfaceDropsEverything) {
-    auto inert = bench.add_recording_iface(4, 2);
-    know_local(1, 0x05);
-    gate.debug_level = 2;
-    const Bytes payload{1};
-    EXPECT_EQ(log_lines_of([&] { inert->receive(make_frame(OPAQUE_PROTO, 0x20, 0x05, payload)); }), Lines{});
-    EXPECT_TRUE(serial1->sent.empty());
-}
-
 TEST_F(GateRoutingTest, ManetPacketFromLocalLinkLeavesOnTheGatewayLinkAddressedToItsLocalAddress) {
     know_manet(3, 0x0A000002, 0x42);
     gate.debug_level = 3;
