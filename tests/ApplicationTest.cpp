@@ -15,9 +15,11 @@ TEST(CommandLine, HelpListsTheOptionsInDeclarationOrderWithTheirTexts) {
     test_support::GateProcess gate({"--help"});
     ASSERT_EQ(gate.wait_exit(), 0);
     const std::string help = gate.log();
-    const char* expected[] = {"  -h, --help", "Print usage info", "      --version", "Print version",
-                              "  -c, --config arg", "Configuration file for gate", "  -d, --debug arg",
-                              "Debug level: 0 = none, 1 = warnings, 2 = forw, 3 = recv", "(default: 0)"};
+    const char* expected[] = {"  -h, --help",       "Print usage info",
+                              "      --version",    "Print version",
+                              "  -c, --config arg", "Configuration file for gate",
+                              "  -d, --debug arg",  "Debug level: 0 = none, 1 = warnings, 2 = forw, 3 = recv",
+                              "(default: 0)"};
     size_t from = 0;
     for (const char* text : expected) {
         const size_t at = help.find(text, from);

@@ -56,14 +56,6 @@ TEST(InetAddressFromText, NeverLooksANameUp) {
     EXPECT_FALSE(InetAddress::from(std::string("127.0.0.1")).has_value());
 }
 
-TEST(InetAddressFromText, PortBeyond16BitsWrapsButTextStays) {
-    auto a = InetAddress::from(std::string("10.0.0.1:70000"));
-    ASSERT_TRUE(a.has_value());
-    EXPECT_EQ(ntohs(a->addr.sin_port), 4464);
-    EXPECT_EQ(a->port, 4464);
-    EXPECT_EQ(a->to_s(), "10.0.0.1:70000");
-}
-
 TEST(InetAddressFromParts, RemovesBlanksBeforeConverting) {
     auto a = InetAddress::from(" 10.0.0.2 ", 5000);
     ASSERT_TRUE(a.has_value());
@@ -85,16 +77,10 @@ TEST(InetAddressEquality, ComparesTextNotSocketAddress) {
     InetAddress b("10.0.0.1", "80", 1, other);
     EXPECT_EQ(a, b);
     EXPECT_FALSE(a != b);
-}
 
-TEST(InetAddressEquality, ColonMayMoveBetweenHostAndPort) {
-    sockaddr_in none{};
-    InetAddress a("a:b", "80", 80, none);
-    InetAddress b("a", "b:80", 80, none);
-    InetAddress c("a:b", "8", 8, none);
-    EXPECT_EQ(a, b);
-    EXPECT_NE(a, c);
-    EXPECT_NE(b, c);
+    // The colon may sit in the host or in the port text.
+    EXPECT_EQ(InetAddress("a:b", "80", 80, other), InetAddress("a", "b:80", 80, other));
+    EXPECT_NE(InetAddress("a:b", "8", 8, other), InetAddress("a", "b:80", 80, other));
 }
 
 TEST(InetAddressFromSockaddr, RoundTripsAnIpv4Address) {

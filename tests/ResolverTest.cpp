@@ -1,8 +1,9 @@
-#include <arpa/inet.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netdb.h>
 
 #include <chrono>
+#include <cstring>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -15,10 +16,13 @@ namespace vostrelka {
 namespace {
 
 using test_support::StdoutCapture;
+using ::testing::AnyOf;
+using ::testing::EndsWith;
+using ::testing::Eq;
 using Lines = std::vector<StdoutCapture::Line>;
 using namespace std::chrono_literals;
 
-constexpr const char* WARNING_PREFIX = "Resolver: WARN: failed to resolve address. ";
+const std::string WARNING_PREFIX = "Resolver: WARN: failed to resolve address. ";
 
 // A numeric host with a service name that exists nowhere fails at once and
 // without any network, so every attempt ends in the warning.
@@ -26,12 +30,6 @@ constexpr const char* UNKNOWN_SERVICE_HOST = "127.0.0.1";
 constexpr const char* UNKNOWN_SERVICE = "xyz80";
 // The reserved top-level domain that never resolves.
 constexpr const char* UNRESOLVABLE_NAME = "gw1.nothing.invalid";
-
-size_t count_starting(const Lines& lines, const std::string& prefix) {
-    size_t n = 0;
-    for (const auto& line : lines) n += line.text.rfind(prefix, 0) == 0;
-    return n;
-}
 
 Lines starting(const Lines& lines, const std::string& prefix) {
     Lines out;
@@ -79,7 +77,7 @@ protected:
 
     bool wait_for_warnings(const std::string& endpoint, size_t count, std::chrono::milliseconds timeout) {
         return capture.wait_for(
-            [&](const Lines& lines) { return count_starting(lines, WARNING_PREFIX + endpoint + ".") >= count; },
+            [&](const Lines& lines) { return starting(lines, WARNING_PREFIX + endpoint + ".").size() >= count; },
             timeout);
     }
 
@@ -93,17 +91,6 @@ TEST_F(ResolverTest, NothingBeforeStart) {
     EXPECT_FALSE(resolver->get_resolved_address().has_value());
     resolver.reset();
     EXPECT_TRUE(capture.lines().empty());
-}
-
-TEST_F(ResolverTest, HintsAskForIpv4UdpOnly) {
-    addrinfo hints = AddressResolver::get_hints(HostPort{});
-    EXPECT_EQ(hints.ai_flags, 0);
-    EXPECT_EQ(hints.ai_family, AF_INET);
-    EXPECT_EQ(hints.ai_socktype, SOCK_DGRAM);
-    EXPECT_EQ(hints.ai_protocol, IPPROTO_UDP);
-    EXPECT_EQ(hints.ai_addr, nullptr);
-    EXPECT_EQ(hints.ai_canonname, nullptr);
-    EXPECT_EQ(hints.ai_next, nullptr);
 }
 
 struct Resolvable {
@@ -125,10 +112,8 @@ TEST_P(ResolverResolves, OnTheFirstAttempt) {
     auto address = collect(*resolver);
     ASSERT_TRUE(address.has_value());
     EXPECT_EQ(address->to_s(), c.text);
-    EXPECT_EQ(address->addr.sin_family, AF_INET);
-    EXPECT_EQ(*InetAddress::from(std::string(c.text)), *address);
-    EXPECT_EQ(std::string(inet_ntoa(address->addr.sin_addr)) + ":" + std::to_string(ntohs(address->addr.sin_port)),
-              c.text);
+    auto expected = *InetAddress::from(std::string(c.text));
+    EXPECT_EQ(std::memcmp(&address->addr, &expected.addr, sizeof(expected.addr)), 0);
     EXPECT_TRUE(resolver->finished());
     // Collected once, kept afterwards.
     EXPECT_EQ(resolver->get_resolved_address(), address);
@@ -171,18 +156,14 @@ TEST_P(ResolverNeverResolves, WarnsAboutOnceASecondAndNeverFinishes) {
 
     auto lines = capture.lines();
     EXPECT_EQ(lines.front().text, "Resolver: Trying to resolve " + endpoint);
-    EXPECT_EQ(count_starting(lines, "Resolver: Trying"), 1u);
+    EXPECT_EQ(starting(lines, "Resolver: Trying").size(), 1u);
     auto warnings = starting(lines, WARNING_PREFIX + endpoint + ". Reason: ");
     ASSERT_GE(warnings.size(), 3u);
     EXPECT_EQ(warnings.size() + 1, lines.size()) << "only the start line and warnings";
+    const std::string reason_at = WARNING_PREFIX + endpoint + ". Reason: ";
     for (size_t i = 0; i < warnings.size(); ++i) {
-        const std::string& text = warnings[i].text;
-        // "Reason: " [wait status " / "] lookup status
-        const std::string tail = text.substr(std::string(WARNING_PREFIX).size() + endpoint.size() + 2 + 8);
-        EXPECT_TRUE(tail == reason ||
-                    (tail.size() > reason.size() + 3 && tail.compare(tail.size() - reason.size() - 3, 3, " / ") == 0 &&
-                     tail.compare(tail.size() - reason.size(), reason.size(), reason) == 0))
-            << text;
+        // The wait's own status comes first when it is not 0.
+        EXPECT_THAT(warnings[i].text.substr(reason_at.size()), AnyOf(Eq(reason), EndsWith(" / " + reason)));
         if (i == 0) continue;
         const int64_t gap_us = warnings[i].at_us - warnings[i - 1].at_us;
         EXPECT_GE(gap_us, 900'000) << "attempt " << i;
@@ -204,24 +185,10 @@ TEST_F(ResolverTest, SecondStartWhileRunningChangesNothing) {
     resolver.reset();
 
     auto lines = capture.lines();
-    EXPECT_EQ(count_starting(lines, "Resolver: Trying to resolve "), 1u);
+    EXPECT_EQ(starting(lines, "Resolver: Trying to resolve ").size(), 1u);
     // A second lookup would double the warnings within each pause.
     auto warnings = starting(lines, WARNING_PREFIX);
     for (size_t i = 1; i < warnings.size(); ++i) EXPECT_GE(warnings[i].at_us - warnings[i - 1].at_us, 900'000);
-}
-
-TEST_F(ResolverTest, SecondStartBeforeCollectingChangesNothing) {
-    auto resolver = make_resolver("10.0.0.2", "5000");
-    resolver->start();
-    const int64_t deadline = time_us() + 5'000'000;
-    while (!resolver->finished() && time_us() < deadline) sleep_us(1000);
-    ASSERT_TRUE(resolver->finished());
-    resolver->start();
-    auto address = collect(*resolver);
-    ASSERT_TRUE(address.has_value());
-    EXPECT_EQ(address->to_s(), "10.0.0.2:5000");
-    resolver.reset();
-    EXPECT_EQ(count_starting(capture.lines(), "Resolver: Trying to resolve "), 1u);
 }
 
 // Destroying while an attempt is in progress, or while its retry pause runs,
@@ -249,7 +216,7 @@ TEST_P(ResolverDestroyed, MidLookupWithinASecondAndQuietly) {
     EXPECT_LE(capture.lines().size(), printed + late_lines);
 }
 
-INSTANTIATE_TEST_SUITE_P(Moments, ResolverDestroyed, ::testing::Values(0, 1, 2));
+INSTANTIATE_TEST_SUITE_P(Moments, ResolverDestroyed, ::testing::Values(0, 1));
 
 }  // namespace
 }  // namespace vostrelka

@@ -3,7 +3,6 @@
 #include <netdb.h>
 
 #include <chrono>
-#include <cstring>
 #include <exception>
 #include <utility>
 
@@ -37,8 +36,10 @@ void cancel(gaicb* request) {
 // Ends with the address, or empty when stopped or when submission failed;
 // in the latter case `finished` stays false on purpose: the peer is never
 // collected and stays unresolved until its resolver is replaced.
-std::optional<InetAddress> lookup(std::string host, std::string port_str, Flag stop, Flag finished) {
-    addrinfo hints = AddressResolver::get_hints(HostPort{});
+std::optional<InetAddress> lookup(HostPort endpoint, Flag stop, Flag finished) {
+    const std::string& host = endpoint.host;
+    const std::string& port_str = endpoint.port_str;
+    addrinfo hints = AddressResolver::get_hints(endpoint);
     gaicb request{};
     request.ar_name = host.c_str();
     request.ar_service = port_str.c_str();
@@ -124,7 +125,7 @@ void AddressResolver::start() {
     if (blocking) {
         // No caller uses this mode; it keeps retrying without a pause and
         // never releases its answer.
-        addrinfo hints = get_hints(HostPort{});
+        addrinfo hints = get_hints(HostPort{host, port_str, port});
         addrinfo* result = nullptr;
         while (getaddrinfo(host.c_str(), port_str.c_str(), &hints, &result) != 0) {
         }
@@ -165,7 +166,7 @@ addrinfo AddressResolver::get_hints(const HostPort&) {
 }
 
 std::future<std::optional<InetAddress>> AddressResolver::start_resolve() {
-    return std::async(lookup, host, port_str, stop_flag, finished_flag);
+    return std::async(lookup, HostPort{host, port_str, port}, stop_flag, finished_flag);
 }
 
 }  // namespace vostrelka
