@@ -42,13 +42,14 @@ void Gate::on_frame(net_device::NetDevice& device, const net_device::Frame& fram
     std::optional<InetAddress> from_inet;
     if (net_device::NetDeviceUDP* udp = iface.udp_device()) from_inet = udp->get_sender_inet_addr();
 
-    // A proto_id 10 payload too short for its header means nothing: drop it
-    // before anything reads or learns from it.
+    // A proto_id 10 payload too short for its header carries no addresses:
+    // it is never read, logged or forwarded. Its sender is still learned on a
+    // local link, as the sender of every frame is.
     manet::MAPacket packet;
     const bool is_manet = frame.proto_id == MANET_PROTO_ID;
-    if (is_manet && !manet::MAPacket::parse(frame.payload, packet)) return;
+    const bool header_ok = !is_manet || manet::MAPacket::parse(frame.payload, packet);
 
-    if (debug_level >= LEVEL_RECEIVE) {
+    if (debug_level >= LEVEL_RECEIVE && header_ok) {
         if (!is_manet) {
             debug("recv frame on iface %i: %s -> 0x%02X, size=%u, proto_id %u", static_cast<int>(iface.id),
                   full_addr_s_local(frame.src, from_inet).c_str(), frame.dst, static_cast<unsigned>(frame.payload.size),
@@ -68,6 +69,7 @@ void Gate::on_frame(net_device::NetDevice& device, const net_device::Frame& fram
             if (frame.proto_id == SERVICE_PROTO_ID) handle_service_frame(frame);
             return;
         }
+        if (!header_ok) return;
         add_manet_peer(iface, packet.src_addr, frame.src, std::unique_ptr<AddressResolver>(), from_inet);
         forward_manet_frame(iface, frame, packet, from_inet);
     } else if (iface.type == MANET) {
@@ -78,6 +80,7 @@ void Gate::on_frame(net_device::NetDevice& device, const net_device::Frame& fram
             }
             return;
         }
+        if (!header_ok) return;
         // Only gateways already known (configured, announced or learned on
         // a local link) may send MANet traffic in; nothing is learned here.
         if (manet_peers.find(packet.src_addr) == manet_peers.end()) return;
