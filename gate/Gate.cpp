@@ -1,15 +1,44 @@
+// Start-up: the command line, the configuration file, and from it the
+// interfaces, the peer tables and the RF modem handlers. A configuration
+// error prints one "ERROR:" line and ends the process with status 1;
+// malformed JSON and wrongly typed values end it through the library's
+// uncaught exception.
 #include "Gate.h"
 
 #include <cstdlib>
+#include <fstream>
+#include <sstream>
 
 #include "RunnerHandler.h"
+#include "vostrelka/HostPort.h"
 #include "vostrelka/debug.h"
+#include "vostrelka/net_device/net_device_parse.h"
+#include "vostrelka/net_device_udp/NetDeviceUDP.h"
 
 namespace vostrelka {
 
+namespace {
+
+constexpr uint8_t ANY_DEVICE_ADDRESS = 0xFF;
+
+// "0x..." in base 16 (the conversion consumes the prefix), anything else in
+// base 10, even with "0x" further in; std::stoul's exceptions end the program.
+uint32_t parse_manet_address(const std::string& text) {
+    const bool hex = text.compare(0, 2, "0x") == 0;
+    return static_cast<uint32_t>(std::stoul(text, nullptr, hex ? 16 : 10));
+}
+
+// Truncated to the 8-bit local address; std::stoi's exceptions end the program.
+uint8_t parse_local_address(const std::string& text) {
+    return static_cast<uint8_t>(net_device::parse_device_address(text));
+}
+
+}  // namespace
+
 Gate::Gate() : Application("gate", "Net device gateway", true) {
     options.add_options()("c,config", "Configuration file for gate", cxxopts::value<std::string>())(
-        "d,debug", "Debug level: 0 = none, 1 = warnings, 2 = forw, 3 = recv", cxxopts::value<int>()->default_value("0"));
+        "d,debug", "Debug level: 0 = none, 1 = warnings, 2 = forw, 3 = recv",
+        cxxopts::value<int>()->default_value("0"));
 }
 
 Gate::~Gate() = default;
@@ -20,9 +49,149 @@ void Gate::start(const cxxopts::ParseResult& result) {
         debug("ERROR: mission --config argument");
         exit(1);
     }
-    // The configuration file is read here once the reader exists.
-    debug("ERROR: open config file: %s", result["config"].as<std::string>().c_str());
-    exit(1);
+
+    const std::string path = result["config"].as<std::string>();
+    std::ifstream file(path);
+    if (!file.is_open()) {
+        debug("ERROR: open config file: %s", path.c_str());
+        exit(1);
+    }
+    std::stringstream text;
+    text << file.rdbuf();
+    if (!parse_config(text.str())) {
+        debug("ERROR: parse config file");
+        exit(1);
+    }
+
+    int manet_ifaces = 0;
+    for (const auto& entry : ifaces) {
+        if (entry.second.type == MANET) manet_ifaces++;
+    }
+    if (manet_ifaces > 1) {
+        debug("ERROR: only one MANET interface is supported");
+        exit(1);
+    }
+
+    loop();
+}
+
+bool Gate::parse_config(std::string&& text) {
+    json root = json::parse(text);
+    if (!root.contains("ifaces")) {
+        debug("ERROR: missing \"ifaces\" entry in config file");
+        return false;
+    }
+    json& iface_entries = root["ifaces"];
+    if (!parse_ifaces(iface_entries)) return false;
+    // Both exit on every error they report.
+    if (root.contains("local_peers")) parse_local_peers(root["local_peers"]);
+    if (root.contains("manet_peers")) parse_manet_peers(root["manet_peers"]);
+
+    // After the peers: an RF modem takes its address from the MANet-peer table.
+    for (const json& entry : iface_entries) {
+        if (!entry.contains("rfmodem_config")) continue;
+        const auto id = parse_json_value<unsigned int>(entry, "id");
+        auto found = ifaces.find(id);
+        if (found != ifaces.end()) parse_rfmodem_config(found->second, entry["rfmodem_config"]);
+    }
+    return true;
+}
+
+bool Gate::parse_ifaces(json& entries) {
+    if (!entries.is_array()) {
+        debug("ERROR: \"ifaces\" node is not an array");
+        return false;
+    }
+    for (const json& entry : entries) {
+        const auto description = parse_json_value<std::string>(entry, "iface");
+        const auto id = parse_json_value<unsigned int>(entry, "id");
+
+        // Made before the id is checked, so a bad description is reported
+        // even on an entry with a duplicate id.
+        std::shared_ptr<net_device::NetDevice> device = factory.make_net_device(description, ANY_DEVICE_ADDRESS);
+        if (!device) {
+            debug("ERROR: parse \"iface\" field: %s", description.c_str());
+            exit(1);
+        }
+        if (ifaces.count(id) != 0) {
+            debug("ERROR: duplicate device id %u", id);
+            return false;
+        }
+
+        Interface iface;
+        iface.id = id;
+        iface.type = entry.contains("type") && entry["type"] == "manet" ? MANET : LOCAL;
+        iface.net_device = device;
+        iface.udp = dynamic_cast<net_device::NetDeviceUDP*>(device.get());
+        iface.udp_checked = true;
+        if (!ifaces.emplace(id, std::move(iface)).second) {
+            debug("ERROR: add interface to map: %s", description.c_str());
+            return false;
+        }
+        device->set_handler(this);
+        // A 33rd interface: the caller reports the file as a whole.
+        if (!event_loop_entries.push_back(device.get())) return false;
+    }
+    return true;
+}
+
+bool Gate::parse_local_peers(json& peers) {
+    for (const json& entry : peers) {
+        const uint8_t addr = parse_local_address(parse_json_value<std::string>(entry, "netdev_addr"));
+        const auto iface_id = parse_json_value<unsigned int>(entry, "iface_id");
+        auto found = ifaces.find(iface_id);
+        if (found == ifaces.end()) {
+            debug("ERROR: iface with id %u not found", iface_id);
+            exit(1);
+        }
+        Interface& iface = found->second;
+
+        std::optional<InetAddress> inet_addr;
+        if (iface.udp_device() != nullptr) {
+            const auto text = parse_json_value<std::string>(entry, "inet_addr");
+            inet_addr = InetAddress::from(text);
+            if (!inet_addr) {
+                debug("ERROR: failed to parse inet address: %s", text.c_str());
+                exit(1);
+            }
+        }
+        if (!add_local_peer(iface, addr, inet_addr)) {
+            debug("ERROR: duplicate local peer: 0x%02X", static_cast<unsigned int>(addr));
+            exit(1);
+        }
+    }
+    return true;
+}
+
+bool Gate::parse_manet_peers(json& peers) {
+    for (const json& entry : peers) {
+        const uint32_t manet_addr = parse_manet_address(parse_json_value<std::string>(entry, "manet_addr"));
+        const uint8_t addr = parse_local_address(parse_json_value<std::string>(entry, "netdev_addr"));
+        const auto iface_id = parse_json_value<unsigned int>(entry, "iface_id");
+        auto found = ifaces.find(iface_id);
+        if (found == ifaces.end()) {
+            debug("ERROR: iface with id %u not found", iface_id);
+            exit(1);
+        }
+        Interface& iface = found->second;
+
+        // Given by name: resolved in the background, filled in by the loop.
+        std::unique_ptr<AddressResolver> resolver;
+        if (iface.udp_device() != nullptr) {
+            const auto text = parse_json_value<std::string>(entry, "inet_addr");
+            const std::optional<HostPort> host_port = HostPort::from(text);
+            if (!host_port) {
+                debug("ERROR: failed to parse inet address %s", text.c_str());
+                exit(1);
+            }
+            resolver = std::make_unique<AddressResolver>(*host_port, false);
+        }
+        if (!add_manet_peer(iface, manet_addr, addr, std::move(resolver), std::nullopt)) {
+            debug("ERROR: duplicate MANet peer: 0x%08X", manet_addr);
+            exit(1);
+        }
+    }
+    return true;
 }
 
 }  // namespace vostrelka
