@@ -21,7 +21,9 @@ namespace {
 
 constexpr int RECEIVE_TIMEOUT_MS = 3000;
 
-Bytes bytes_of(const std::string& s) { return Bytes(s.begin(), s.end()); }
+Bytes bytes_of(const std::string& s) {
+    return Bytes(s.begin(), s.end());
+}
 
 std::string hex2(unsigned value) {
     char buf[8];
@@ -207,9 +209,9 @@ TEST(GateDebugLevels, EachLevelAddsItsLines) {
         auto run = std::make_unique<Run>();
         const std::string config = R"({"ifaces": [)" + iface_entry("udp://127.0.0.1:" + std::to_string(run->port1), 1) +
                                    ", " + iface_entry("udp://127.0.0.1:" + std::to_string(run->port2), 2) + "]}";
-        run->gate = std::make_unique<GateProcess>(std::vector<std::string>{
-            "--config", dir.write_file("gate" + std::to_string(level) + ".json", config), "--debug",
-            std::to_string(level)});
+        run->gate = std::make_unique<GateProcess>(
+            std::vector<std::string>{"--config", dir.write_file("gate" + std::to_string(level) + ".json", config),
+                                     "--debug", std::to_string(level)});
         runs.push_back(std::move(run));
     }
     for (auto& run : runs) ASSERT_TRUE(wait_until_udp_bound(run->port2)) << run->gate->log();
