@@ -1,0 +1,155 @@
+// Datagrams from anyone, into a running gateway: a "udp" and a "udpserial"
+// interface with real sockets on 127.0.0.1 receive the input, so that the
+// devices' receive paths, learning, routing, MANet header parsing and
+// service frames all run on it.
+//
+// Two gateways: one with a MANet interface, and one without, which alone
+// gets service frames. A device configuration naming a UTM server would
+// start name lookups on a MANet interface, which must not leave this
+// machine, and would give every run a lookup thread.
+//
+// Input: byte 0 picks the gateway (bit 0), the receiving interface (bits
+// 1-2: "udp", "udpserial", the MANet interface) and the sending socket
+// (bits 3-4); the rest is the datagram.
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+
+#include "Gate.h"
+#include "vostrelka/net_device_udp/NetDeviceUDP.h"
+#include "vostrelka/net_device_udp/NetDeviceUDPSerial.h"
+
+using namespace vostrelka;
+using namespace vostrelka::net_device;
+
+namespace {
+
+constexpr int SENDERS = 4;
+constexpr uint32_t CONFIGURED_MANET = 0x0A000001;
+
+// A link-level device without a descriptor that drops what it is given.
+struct NullDevice : NetDevice {
+    NullDevice() : NetDevice(0xFF) {}
+    bool is_fd_set(fd_set*) override { return false; }
+    void register_fd(fd_set*, fd_set*, fd_set*) override {}
+    void on_event(uint8_t) override {}
+    int send_raw(const Frame& frame) override {
+        // Read what routing hands on, as a real encoder would.
+        volatile uint8_t sum = 0;
+        for (uint64_t i = 0; i < frame.payload.size; i++) sum = sum + frame.payload.data[i];
+        return 0;
+    }
+};
+
+int udp_socket() {
+    const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in any{};
+    any.sin_family = AF_INET;
+    any.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bind(fd, reinterpret_cast<sockaddr*>(&any), sizeof any);
+    return fd;
+}
+
+uint16_t port_of(int fd) {
+    sockaddr_in addr{};
+    socklen_t len = sizeof addr;
+    getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
+    return ntohs(addr.sin_port);
+}
+
+struct Harness {
+    Gate gate;
+    std::shared_ptr<NetDeviceUDP> udp = std::make_shared<NetDeviceUDP>(2048, 0xFF);
+    std::shared_ptr<NetDeviceUDPSerial> udpserial = std::make_shared<NetDeviceUDPSerial>(2048, 0xFF);
+    std::shared_ptr<NullDevice> serial = std::make_shared<NullDevice>();
+    std::shared_ptr<NetDeviceUDP> manet = std::make_shared<NetDeviceUDP>(2048, 0xFF);
+    std::shared_ptr<NullDevice> inert = std::make_shared<NullDevice>();
+    int sink = udp_socket();  // where forwarded frames for configured UDP peers go
+
+    explicit Harness(bool with_manet) {
+        const std::optional<InetAddress> loopback_any = InetAddress::from("127.0.0.1", 0);
+        if (!udp->create_socket(*loopback_any) || !udpserial->create_socket(*loopback_any) ||
+            !manet->create_socket(*loopback_any))
+            __builtin_trap();
+        add(1, Gate::LOCAL, udp);
+        add(2, Gate::LOCAL, udpserial);
+        add(3, Gate::LOCAL, serial);
+        if (with_manet) add(4, Gate::MANET, manet);
+        add(5, 7, inert);
+        reset_tables();
+    }
+
+    void add(uint32_t id, uint8_t type, std::shared_ptr<NetDevice> device) {
+        device->set_handler(&gate);
+        Gate::Interface& iface = gate.ifaces[id];
+        iface.id = id;
+        iface.type = type;
+        iface.net_device = std::move(device);
+    }
+
+    // Back to the configured peers, so that learning from one input does not
+    // carry into the next and the tables stay bounded.
+    void reset_tables() {
+        gate.local_peers.clear();
+        gate.manet_peers.clear();
+        const std::optional<InetAddress> sink_address = InetAddress::from("127.0.0.1", port_of(sink));
+        gate.local_peers[0x10] = Gate::LocalPeer{&gate.ifaces[1], sink_address};
+        gate.local_peers[0x11] = Gate::LocalPeer{&gate.ifaces[2], sink_address};
+        gate.local_peers[0x12] = Gate::LocalPeer{&gate.ifaces[3], std::nullopt};
+        auto manet_iface = gate.ifaces.find(4);
+        if (manet_iface != gate.ifaces.end()) {
+            gate.add_manet_peer(manet_iface->second, CONFIGURED_MANET, 0x20, nullptr, sink_address);
+        }
+        gate.add_manet_peer(gate.ifaces[3], CONFIGURED_MANET + 1, 0x21, nullptr, std::nullopt);
+        // Forwarded datagrams are not looked at; keep the sink from filling.
+        char drain[4096];
+        while (recv(sink, drain, sizeof drain, MSG_DONTWAIT) > 0) {
+        }
+    }
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    // Peer-table changes are always logged; the fuzzer only wants crashes.
+    if (freopen("/dev/null", "w", stdout) == nullptr) return 0;
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    static Harness* with_manet = new Harness(true);
+    static Harness* without_manet = new Harness(false);
+    static int senders[SENDERS] = {udp_socket(), udp_socket(), udp_socket(), udp_socket()};
+    if (size < 1) return 0;
+
+    const bool service_gateway = (data[0] & 1) != 0;
+    Harness& h = service_gateway ? *without_manet : *with_manet;
+    h.gate.debug_level = 3;  // every log line is built
+    const int pick = (data[0] >> 1) & 3;
+    NetDeviceUDP* device = pick == 1 ? static_cast<NetDeviceUDP*>(h.udpserial.get()) : h.udp.get();
+    if (pick == 2 && !service_gateway) device = h.manet.get();
+    const uint8_t* datagram = data + 1;
+    const size_t length = size - 1;
+    if (!service_gateway) {
+        // Service frames only where they cannot start name lookups (see
+        // above). In the serial framing the proto_id has no fixed place, so
+        // that gateway takes no "udpserial" datagrams at all.
+        if (pick == 1) return 0;
+        if (device == h.udp.get() && length >= 1 && datagram[0] == Gate::SERVICE_PROTO_ID) return 0;
+    }
+
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    to.sin_port = htons(port_of(device->get_socket()));
+    const int sender = senders[(data[0] >> 3) & (SENDERS - 1)];
+    if (sendto(sender, datagram, length, 0, reinterpret_cast<sockaddr*>(&to), sizeof to) < 0) return 0;
+    device->on_event(event_system::EVENT_READABLE);
+
+    h.reset_tables();
+    return 0;
+}
