@@ -56,6 +56,8 @@ cleanup() {
         rm -rf "/etc/netns/$(ns "$host")"
     done
     [[ $MADE_ETC_NETNS -eq 1 ]] && rmdir /etc/netns 2>/dev/null
+    # Cut short (a signal, or set-up failed): still close with the count.
+    [[ -n ${FAILED:-} ]] || echo "${passed:-0} passed, $((${failed:-0} + 1)) failed (run cut short)"
     if [[ ${FAILED:-1} -eq 0 ]]; then rm -rf "$WORK"; else echo "mesh: logs kept in $WORK"; fi
 }
 MADE_ETC_NETNS=0
@@ -354,7 +356,6 @@ for tool in gate gatecat mesh-null-modem; do
 done
 if ! build_mesh || ! start_everything; then
     echo "mesh: could not set up the mesh"
-    echo "0 passed, 1 failed"
     exit 1
 fi
 run peers_resolve
