@@ -23,7 +23,7 @@ int main() {
     }
     std::printf("%s %s\n", modem.path_a().c_str(), modem.path_b().c_str());
     std::fflush(stdout);
-    int signal = 0;
-    sigwait(&stop_signals, &signal);
+    int received = 0;
+    sigwait(&stop_signals, &received);
     return 0;
 }
