@@ -8,5 +8,5 @@ CAN_VM_TIMEOUT_S ?= 300
 test-can: build
 	@scripts/can-vm --prepare
 	@rm -rf $(CAN_VM_STAGE) && mkdir -p $(CAN_VM_STAGE)
-	@cp $(BUILD)/bin/can-vm/*VmTest tests/can/run-in-vm-tests.sh $(CAN_VM_STAGE)/
+	@cp $(BUILD)/bin/can-vm/*VmTest $(BUILD)/bin/gate $(BUILD)/bin/gatecat tests/can/*.sh $(CAN_VM_STAGE)/
 	scripts/can-vm --vcan vcan0,vcan1 --timeout $(CAN_VM_TIMEOUT_S) --dir $(CAN_VM_STAGE) -- ./run-in-vm-tests.sh

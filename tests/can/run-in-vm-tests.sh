@@ -19,5 +19,15 @@ for test in ./*VmTest; do
     passed=$((passed + p))
     failed=$((failed + f))
 done
+# The gateway itself between the bus and a UDP link.
+if [ -x ./gate-through-can.sh ]; then
+    ./gate-through-can.sh >gate-through-can.log 2>&1
+    rc=$?
+    cat gate-through-can.log
+    [ $rc -eq 0 ] || status=1
+    passed=$((passed + $(grep -c '^ok ' gate-through-can.log)))
+    failed=$((failed + $(grep -c '^FAIL ' gate-through-can.log)))
+    [ $rc -ne 0 ] && ! grep -q '^FAIL ' gate-through-can.log && failed=$((failed + 1))
+fi
 echo "$passed passed, $failed failed"
 exit $status
