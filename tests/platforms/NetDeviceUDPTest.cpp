@@ -1,171 +1,144 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
-#include <cstring>
-#include <memory>
+#include <functional>
 #include <string>
 
 #include "support/UdpEndpoint.h"
+#include "support/WireFrame.h"
 #include "support/frame_recorder.h"
 #include "vostrelka/InetAddress.h"
-#include "vostrelka/net_device_udp/NetDeviceUDP.h"
 #include "vostrelka/net_device_udp/NetDeviceUDPSerial.h"
 
 using namespace test_support;
 using vostrelka::InetAddress;
-using vostrelka::event_system::EVENT_READABLE;
 using vostrelka::net_device::NetDeviceUDP;
 using vostrelka::net_device::NetDeviceUDPSerial;
+using Frames = std::vector<RecordedFrame>;
 
 namespace {
 
-constexpr unsigned long BUFFER_SIZE = 2048;
-constexpr uint8_t DEVICE_ADDRESS = 0x10;
+// proto 8, 1 -> 2, payload 3E 42 55, in serial framing.
+const Bytes SMALL_PAYLOAD = {0x3E, 0x42, 0x55};
+const Bytes SMALL_WIRE = {0x42, 0x73, 0x7D, 0x55, 0xBD, 0xB4, 0x08, 0x01, 0x02, 0x3E, 0x55, 0xBD, 0x55, 0xAA, 0x42};
 
 InetAddress inet(const std::string& text) {
     return InetAddress::from(text).value();
 }
 
-// A "udp" device on an ephemeral loopback port, sending to `peer`.
-struct UdpDeviceTest : ::testing::Test {
-    void SetUp() override { open(DEVICE_ADDRESS); }
+std::string output_of(const std::function<void()>& action) {
+    testing::internal::CaptureStdout();
+    action();
+    return testing::internal::GetCapturedStdout();
+}
 
-    void open(uint8_t address) {
-        device = std::make_unique<NetDeviceUDP>(BUFFER_SIZE, address);
-        ASSERT_TRUE(device->create_socket(inet("127.0.0.1:0")));
-        device_port = bound_port_of(device->get_socket());
-        device->set_destination_address(inet(peer.address()));
-        device->set_handler(&handler);
+// A device of address 2 with a 2048-byte buffer on a loopback port, sending to `peer`.
+template <typename Device>
+struct Link {
+    Link() {
+        EXPECT_TRUE(device.create_socket(inet("127.0.0.1:0")));
+        device.set_destination_address(inet(peer.address()));
+        device.set_handler(&handler);
     }
-
-    // Waits for one datagram and lets the device read it, as the main loop would.
-    void read_one() {
-        ASSERT_TRUE(wait_readable(device->get_socket()));
-        device->on_event(EVENT_READABLE);
+    // Sends each datagram and lets the device read it, as the main loop would.
+    void feed(std::initializer_list<Bytes> datagrams, UdpEndpoint* from = nullptr) {
+        for (const Bytes& datagram : datagrams) {
+            ASSERT_TRUE((from ? *from : peer).send_to(bound_port_of(device.get_socket()), datagram));
+            ASSERT_TRUE(wait_readable(device.get_socket()));
+            device.on_event(vostrelka::event_system::EVENT_READABLE);
+        }
     }
-
     UdpEndpoint peer;
     FrameRecorder handler;
-    std::unique_ptr<NetDeviceUDP> device;
-    uint16_t device_port = 0;
+    Device device{2048, 2};
 };
 
 }  // namespace
 
-TEST_F(UdpDeviceTest, SendsHeaderThenPayloadToTheDestination) {
-    const Bytes payload = {0xAA, 0x42, 0x00};
-    EXPECT_EQ(device->send_raw(make_frame(7, 1, 2, payload)), 0);
-    EXPECT_EQ(peer.receive(), (Bytes{7, 1, 2, 0xAA, 0x42, 0x00}));
-    EXPECT_EQ(peer.last_sender_port(), device_port);
-
-    // An empty payload goes out as the header alone.
-    EXPECT_EQ(device->send_raw(make_frame(7, 1, 2, {})), 0);
-    EXPECT_EQ(peer.receive(), (Bytes{7, 1, 2}));
+TEST(NetDeviceUDP, SendsHeaderThenPayloadUpToTheBufferSize) {
+    Link<NetDeviceUDP> link;
+    EXPECT_EQ(link.device.send_raw(make_frame(7, 1, 2, {0xAA, 0x42, 0x00})), 0);
+    EXPECT_EQ(link.peer.receive(), (Bytes{7, 1, 2, 0xAA, 0x42, 0x00}));
+    EXPECT_EQ(link.device.send_raw(make_frame(7, 1, 2, {})), 0);
+    EXPECT_EQ(link.peer.receive(), (Bytes{7, 1, 2}));
+    EXPECT_EQ(output_of([&] {
+                  EXPECT_EQ(link.device.send_raw(make_frame(1, 2, 3, Bytes(2048, 0x33))), 0);
+                  EXPECT_EQ(link.device.send_raw(make_frame(1, 2, 3, Bytes(2049, 0x33))), -1);
+              }),
+              "");
+    EXPECT_EQ(link.peer.receive().value_or(Bytes{}).size(), 2051u);
+    EXPECT_FALSE(link.peer.receive(100).has_value());
 }
 
-TEST_F(UdpDeviceTest, DeliversDatagramAsFrameFromThisDevice) {
-    ASSERT_TRUE(peer.send_to(device_port, {5, 9, DEVICE_ADDRESS, 1, 2, 3}));
-    read_one();
-    ASSERT_EQ(handler.frames.size(), 1u);
-    EXPECT_EQ(handler.frames[0], (RecordedFrame{5, 9, DEVICE_ADDRESS, {1, 2, 3}}));
-    EXPECT_EQ(handler.last_device, device.get());
-}
-
-TEST_F(UdpDeviceTest, NeedsAPayloadByteToDeliver) {
-    for (const Bytes& datagram : {Bytes{}, Bytes{5}, Bytes{5, 9, DEVICE_ADDRESS}}) {
-        ASSERT_TRUE(peer.send_to(device_port, datagram));
-        read_one();
-    }
-    EXPECT_TRUE(handler.frames.empty());
-
-    ASSERT_TRUE(peer.send_to(device_port, {5, 9, DEVICE_ADDRESS, 0x42}));
-    read_one();
-    ASSERT_EQ(handler.frames.size(), 1u);
-    EXPECT_EQ(handler.frames[0], (RecordedFrame{5, 9, DEVICE_ADDRESS, {0x42}}));
-}
-
-TEST_F(UdpDeviceTest, SendsPayloadUpToBufferSizeAndRefusesLongerSilently) {
-    const Bytes largest(BUFFER_SIZE, 0x33);
-    const Bytes too_long(BUFFER_SIZE + 1, 0x33);
-
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(device->send_raw(make_frame(1, 2, 3, largest)), 0);
-    EXPECT_EQ(device->send_raw(make_frame(1, 2, 3, too_long)), -1);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-
-    const auto datagram = peer.receive();
-    ASSERT_TRUE(datagram.has_value());
-    EXPECT_EQ(datagram->size(), BUFFER_SIZE + 3);
-    EXPECT_FALSE(peer.receive(100).has_value());
-}
-
-TEST_F(UdpDeviceTest, RemembersTheSenderOfTheLastDatagram) {
-    EXPECT_EQ(device->get_sender_inet_addr().to_s(), ":");
-
-    // Back and forth, and twice in a row: each datagram names its own sender.
+// A datagram of the header alone cannot be received, though one is sent.
+TEST(NetDeviceUDP, DeliversDatagramsWithAPayloadForItsAddressAndRemembersTheSender) {
+    Link<NetDeviceUDP> link;
+    EXPECT_EQ(link.device.get_sender_inet_addr().to_s(), ":");
+    link.feed({{}, {5}, {5, 9, 2}, {5, 9, 0x11, 1}, {5, 9, 2, 0x42}, {5, 9, 0xFF, 1, 2}});
+    EXPECT_EQ(link.handler.frames, (Frames{{5, 9, 2, {0x42}}, {5, 9, 0xFF, {1, 2}}}));
+    EXPECT_EQ(link.handler.last_device, &link.device);
     UdpEndpoint other;
-    for (UdpEndpoint* sender : {&peer, &other, &other, &peer}) {
-        ASSERT_TRUE(sender->send_to(device_port, {1, 2, DEVICE_ADDRESS, 4}));
-        read_one();
-        const InetAddress& from = device->get_sender_inet_addr();
-        EXPECT_EQ(from.to_s(), sender->address());
-        EXPECT_EQ(from.addr.sin_port, htons(sender->port()));
-        EXPECT_EQ(from.port, sender->port());
-    }
-    // Learning a sender does not redirect what the device sends.
-    ASSERT_EQ(device->send_raw(make_frame(1, 2, 3, {4})), 0);
-    EXPECT_TRUE(peer.receive().has_value());
-}
-
-TEST_F(UdpDeviceTest, DeliversOnlyFramesForItsAddressOrBroadcast) {
-    struct Case {
-        uint8_t device_address, dst;
-        bool delivered;
-    };
-    for (const Case& c : {Case{0x10, 0x10, true}, Case{0x10, 0xFF, true}, Case{0x10, 0x11, false},
-                          Case{0xFF, 0x11, true}, Case{0xFF, 0x00, true}}) {
-        open(c.device_address);
-        handler.frames.clear();
-        ASSERT_TRUE(peer.send_to(device_port, {1, 2, c.dst, 9}));
-        read_one();
-        EXPECT_EQ(handler.frames.size(), c.delivered ? 1u : 0u)
-            << "device " << int(c.device_address) << ", dst " << int(c.dst);
+    for (UdpEndpoint* sender : {&link.peer, &other, &link.peer}) {
+        link.feed({{1, 2, 2, 4}}, sender);
+        EXPECT_EQ(link.device.get_sender_inet_addr().to_s(), sender->address());
+        EXPECT_EQ(link.device.get_sender_inet_addr().addr.sin_port, htons(sender->port()));
     }
 }
 
-TEST(UdpDeviceSocketFailure, LogsTheBindErrorAndRefusesToSend) {
+TEST(NetDeviceUDP, WithoutASocketOrADestinationRefusesToSend) {
     UdpEndpoint holder;
-    const std::string address = holder.address();
-    NetDeviceUDP udp(BUFFER_SIZE, DEVICE_ADDRESS);
-    NetDeviceUDPSerial udpserial(BUFFER_SIZE, DEVICE_ADDRESS);
-
-    testing::internal::CaptureStdout();
-    EXPECT_FALSE(udp.create_socket(inet(address)));
-    EXPECT_FALSE(udpserial.create_socket(inet(address)));
-    const std::string expected = "NetDeviceUDP: ERROR binding to " + address + ": Address already in use\n";
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), expected + expected);
-
-    const Bytes payload = {1};
-    for (NetDeviceUDP* device : {static_cast<NetDeviceUDP*>(&udp), static_cast<NetDeviceUDP*>(&udpserial)}) {
-        device->set_destination_address(inet(holder.address()));
-        EXPECT_EQ(device->send_raw(make_frame(1, 2, 3, payload)), -1);
-        fd_set watched, none;
-        FD_ZERO(&watched);
-        FD_ZERO(&none);
-        device->register_fd(&watched, &watched, &watched);
-        EXPECT_EQ(std::memcmp(&watched, &none, sizeof(fd_set)), 0);
-    }
-    EXPECT_FALSE(holder.receive(100).has_value());
+    NetDeviceUDP udp(2048, 2), unaddressed(2048, 2);
+    NetDeviceUDPSerial udpserial(2048, 2);
+    EXPECT_EQ(udp.send_raw(make_frame(1, 2, 3, {1})), -1);
+    const std::string line = "NetDeviceUDP: ERROR binding to " + holder.address() + ": Address already in use\n";
+    EXPECT_EQ(output_of([&] {
+                  EXPECT_FALSE(udp.create_socket(inet(holder.address())));
+                  EXPECT_FALSE(udpserial.create_socket(inet(holder.address())));
+              }),
+              line + line);
+    ASSERT_TRUE(unaddressed.create_socket(inet("127.0.0.1:0")));
+    EXPECT_EQ(output_of([&] { EXPECT_EQ(unaddressed.send_raw(make_frame(1, 2, 3, {1})), -1); }), "");
 }
 
-TEST(UdpDeviceSocketFailure, UnopenedOrUnaddressedDeviceRefusesToSend) {
-    const Bytes payload = {1};
-    NetDeviceUDP udp(BUFFER_SIZE, DEVICE_ADDRESS);
-    EXPECT_EQ(udp.get_socket(), -1);
-    EXPECT_EQ(udp.send_raw(make_frame(1, 2, 3, payload)), -1);
+TEST(NetDeviceUDPSerial, SendsOneEncodedFramePerDatagramWhileItFits) {
+    Link<NetDeviceUDPSerial> link;
+    ASSERT_EQ(link.device.send_raw(make_frame(8, 1, 2, SMALL_PAYLOAD)), 0);
+    EXPECT_EQ(link.peer.receive(), SMALL_WIRE);
+    ASSERT_EQ(link.device.send_raw(make_frame(1, 2, 3, Bytes(2040, 0x42))), 0);
+    EXPECT_GE(link.peer.receive().value_or(Bytes{}).size(), 2 * 2040u + 9);
+    EXPECT_EQ(output_of([&] { EXPECT_EQ(link.device.send_raw(make_frame(1, 2, 3, Bytes(2048, 0x42))), -1); }),
+              "NetDeviceUDPSerial: ERROR: encoding frame, payload_size=2048, buffer+size=4099\n");
+    EXPECT_EQ(link.device.get_error_stats().encode_errors, 1u);
 
-    ASSERT_TRUE(udp.create_socket(inet("127.0.0.1:0")));
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(udp.send_raw(make_frame(1, 2, 3, payload)), -1);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    NetDeviceUDPSerial unaddressed(2048, 2);
+    ASSERT_TRUE(unaddressed.create_socket(inet("127.0.0.1:0")));
+    EXPECT_EQ(output_of([&] { EXPECT_EQ(unaddressed.send_raw(make_frame(8, 1, 2, SMALL_PAYLOAD)), -1); }),
+              "NetDeviceUDPSerial: ERROR: sendto, size=15, sent=15\n");
+}
+
+TEST(NetDeviceUDPSerial, DecodesFramesSplitAcrossOrPackedIntoDatagrams) {
+    Link<NetDeviceUDPSerial> link;
+    for (size_t split = 1; split < SMALL_WIRE.size(); ++split) {
+        link.feed({Bytes(SMALL_WIRE.begin(), SMALL_WIRE.begin() + split),
+                   Bytes(SMALL_WIRE.begin() + split, SMALL_WIRE.end())});
+    }
+    EXPECT_EQ(link.handler.frames, Frames(SMALL_WIRE.size() - 1, {8, 1, 2, SMALL_PAYLOAD}));
+    EXPECT_EQ(link.handler.last_device, &link.device);
+
+    link.handler.frames.clear();
+    Bytes packed = SMALL_WIRE;
+    for (const Bytes& part : {to_serial_bytes({9, 1, 0x11, {}}), to_serial_bytes({9, 1, 0xFF, {}}), SMALL_WIRE})
+        packed.insert(packed.end(), part.begin(), part.end());
+    link.feed({packed});
+    EXPECT_EQ(link.handler.frames, (Frames{{8, 1, 2, SMALL_PAYLOAD}, {9, 1, 0xFF, {}}, {8, 1, 2, SMALL_PAYLOAD}}));
+}
+
+TEST(NetDeviceUDPSerial, ReceivesPayloadsUpTo2040BytesAndTakesTheSenderSocketAddress) {
+    Link<NetDeviceUDPSerial> link;
+    UdpEndpoint other;
+    link.feed({to_serial_bytes({1, 2, 2, Bytes(2040, 0x42)})});
+    link.feed({to_serial_bytes({1, 2, 2, Bytes(2041, 0x01)})}, &other);
+    EXPECT_EQ(link.handler.frames, (Frames{{1, 2, 2, Bytes(2040, 0x42)}}));
+    EXPECT_EQ(link.device.get_error_stats().rx_overflows, 1u);
+    EXPECT_EQ(link.device.get_sender_inet_addr().addr.sin_port, htons(other.port()));
 }
