@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <tuple>
 
 #include "support/WireFrame.h"
 #include "support/frame_recorder.h"
@@ -62,12 +63,8 @@ TEST(SerialEncoder, BadInputCountsItsErrorAndRecovers) {
     bad_crc[1] ^= 0x01;
     bad_body[9] ^= 0x80;
     const Bytes body_only(SMALL_WIRE.begin() + 1, SMALL_WIRE.end());  // no start delimiter
-    const struct {
-        Bytes input;
-        Counts expected;
-        size_t frames;
-        bool in_frame_after;
-    } cases[] = {
+    // Input, counters after it, frames decoded, whether a frame is open at the end.
+    const std::tuple<Bytes, Counts, size_t, bool> cases[] = {
         {{0x42, 0x42}, {0, 0, 0, 1, 0}, 0, true},
         {{0x42, 1, 2, 3, 4, 5, 6, 0x42}, {0, 0, 0, 1, 0}, 0, true},
         {bad_body, {0, 0, 1, 0, 0}, 0, true},
@@ -76,12 +73,12 @@ TEST(SerialEncoder, BadInputCountsItsErrorAndRecovers) {
         {concat({{0x42, 1, 0x55, 0x13}, body_only}), {0, 0, 0, 0, 1}, 0, true},
         {concat({{0x42, 1, 0x55, 0x42}, body_only}), {0, 0, 0, 0, 1}, 1, false},  // escaped delimiter starts a frame
     };
-    for (const auto& c : cases) {
+    for (const auto& [input, counts, frames, in_frame] : cases) {
         Codec codec;
-        codec.decode(c.input);
-        EXPECT_EQ(codec.counts(), c.expected) << testing::PrintToString(c.input);
-        EXPECT_EQ(codec.frames, std::vector<RecordedFrame>(c.frames, SMALL)) << testing::PrintToString(c.input);
-        EXPECT_EQ(codec.codec.in_frame, c.in_frame_after) << testing::PrintToString(c.input);
+        codec.decode(input);
+        EXPECT_EQ(std::make_tuple(codec.counts(), codec.frames, codec.codec.in_frame),
+                  std::make_tuple(counts, std::vector<RecordedFrame>(frames, SMALL), in_frame))
+            << testing::PrintToString(input);
     }
 }
 

