@@ -1,25 +1,27 @@
+// Single passes of the gate's main loop: events, timers, select() failures,
+// peer ageing, name resolution and serial port supervision.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "RFModemHandler.h"
 #include "support/InProcessGate.h"
 #include "support/PtyPair.h"
+#include "support/TempDir.h"
 #include "vostrelka/SerialPort.h"
 #include "vostrelka/Time.h"
 
+using test_support::Lines;
 using test_support::log_lines_of;
 using vostrelka::Gate;
-using vostrelka::event_system::EventLoopEntry;
-using Lines = std::vector<std::string>;
 
 namespace {
 
-constexpr int64_t NO_WAIT_US = 0;
 constexpr int64_t SECOND_US = 1000000;
 
 // An entry over one end of a socket pair that records what the loop tells it.
-class ProbeEntry : public EventLoopEntry {
+class ProbeEntry : public vostrelka::event_system::EventLoopEntry {
 public:
     explicit ProbeEntry(int fd_ = -1, bool has_timer_handler_ = true)
         : fd(fd_), has_timer_handler(has_timer_handler_) {}
@@ -43,32 +45,23 @@ public:
     std::vector<int64_t> timers;
 };
 
-struct SocketPair {
-    int fds[2] = {-1, -1};
-    SocketPair() { EXPECT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, fds), 0); }
-    ~SocketPair() {
-        close(fds[0]);
-        close(fds[1]);
-    }
-    void make_readable() { EXPECT_EQ(write(fds[1], "x", 1), 1); }
-};
-
 class GateLoopTest : public ::testing::Test {
 protected:
     test_support::InProcessGate bench;
     Gate& gate = bench.gate;
 
     Lines pass() {
-        return log_lines_of([&] { gate.run_once(NO_WAIT_US); });
+        return log_lines_of([&] { gate.run_once(0); });
     }
 };
 
 TEST_F(GateLoopTest, ReadyEntriesGetTheirBitsAndTheExceptionBitWheneverAnythingWasReady) {
-    SocketPair busy;
-    SocketPair idle;
-    ProbeEntry reader(busy.fds[0]);
+    int busy[2], idle[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, busy), 0);
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, idle), 0);
+    ProbeEntry reader(busy[0]);
     reader.watch_write = true;
-    ProbeEntry quiet(idle.fds[0]);
+    ProbeEntry quiet(idle[0]);
     quiet.watch_except = true;
     gate.event_loop_entries.push_back(&reader);
     gate.event_loop_entries.push_back(&quiet);
@@ -76,24 +69,19 @@ TEST_F(GateLoopTest, ReadyEntriesGetTheirBitsAndTheExceptionBitWheneverAnythingW
     pass();
     EXPECT_EQ(reader.events, (std::vector<uint8_t>{0x01}));
     EXPECT_EQ(quiet.events, (std::vector<uint8_t>{0x04}));
-
-    busy.make_readable();
+    ASSERT_EQ(write(busy[1], "x", 1), 1);
     pass();
     EXPECT_EQ(reader.events, (std::vector<uint8_t>{0x01, 0x03}));
     EXPECT_EQ(quiet.events, (std::vector<uint8_t>{0x04, 0x04}));
+    for (int fd : {busy[0], busy[1], idle[0], idle[1]}) close(fd);
 }
 
-TEST_F(GateLoopTest, OnlyTheLastEntryWithATimerCountsAndOnlyOnceDue) {
+TEST_F(GateLoopTest, OnlyTheLastEntryWithATimerCountsAndOnlyOnceDueAndHandled) {
     const int64_t past = vostrelka::time_us() - SECOND_US;
-    ProbeEntry early;
+    ProbeEntry early, last, without_handler(-1, false);
     early.timer_deadline = past;
-    ProbeEntry last;
     last.timer_deadline = vostrelka::time_us() + 3600 * SECOND_US;
-    ProbeEntry without_timer;
-    gate.event_loop_entries.push_back(&early);
-    gate.event_loop_entries.push_back(&last);
-    gate.event_loop_entries.push_back(&without_timer);
-
+    for (ProbeEntry* entry : {&early, &last}) gate.event_loop_entries.push_back(entry);
     pass();
     EXPECT_TRUE(early.timers.empty());
     EXPECT_TRUE(last.timers.empty());
@@ -102,14 +90,11 @@ TEST_F(GateLoopTest, OnlyTheLastEntryWithATimerCountsAndOnlyOnceDue) {
     pass();
     EXPECT_TRUE(early.timers.empty());
     EXPECT_EQ(last.timers, (std::vector<int64_t>{past + 1}));
-}
 
-TEST_F(GateLoopTest, DueTimerOfAnEntryWithoutTimerHandlerIsSkipped) {
-    ProbeEntry plain(-1, false);
-    plain.timer_deadline = vostrelka::time_us() - SECOND_US;
-    gate.event_loop_entries.push_back(&plain);
+    without_handler.timer_deadline = past;
+    gate.event_loop_entries.push_back(&without_handler);
     pass();
-    EXPECT_TRUE(plain.timers.empty());
+    EXPECT_TRUE(without_handler.timers.empty());
 }
 
 TEST_F(GateLoopTest, SelectFailureIsLoggedAndThePassGoesOn) {
@@ -117,16 +102,15 @@ TEST_F(GateLoopTest, SelectFailureIsLoggedAndThePassGoesOn) {
     gate.handlers.push_back(std::make_unique<vostrelka::RFModemHandler>(radio.get(), 1, 1.0f, 1));
     ProbeEntry stale;
     gate.event_loop_entries.push_back(&stale);
-
     const Lines lines = log_lines_of([&] {
-        // A descriptor closed after the capture opened its own, so that
+        // Closed after the capture opened its own descriptors, so that
         // nothing takes its number before select() sees it.
         int fds[2];
         ASSERT_EQ(pipe(fds), 0);
         close(fds[0]);
         close(fds[1]);
         stale.fd = fds[0];
-        gate.run_once(NO_WAIT_US);
+        gate.run_once(0);
     });
     EXPECT_EQ(lines, Lines{"EventProcessor: ERROR: bad file descriptor!"});
     EXPECT_TRUE(stale.events.empty());
@@ -160,16 +144,12 @@ TEST_F(GateLoopTest, LinksLearnedOnLocalLinksAgeOutAfterTenSilentSeconds) {
 
 TEST_F(GateLoopTest, FinishedNameResolutionGivesTheLinkItsAddress) {
     bench.add_recording_iface(3, Gate::MANET);
-    auto resolver =
-        std::make_unique<vostrelka::AddressResolver>(*vostrelka::HostPort::from(std::string("127.0.0.1:5000")), false);
+    auto resolver = std::make_unique<vostrelka::AddressResolver>(*vostrelka::HostPort::from("127.0.0.1:5000"), false);
     log_lines_of([&] { gate.add_manet_peer(bench.iface(3), 0x0A000001, 0xFF, std::move(resolver), {}); });
     const Gate::MANetPeer& link = gate.manet_peers.at(0x0A000001).front();
-
-    constexpr int64_t PASS_WAIT_US = 10000;
-    const int64_t give_up = vostrelka::time_us() + 5 * SECOND_US;
     Lines lines;
-    while (!link.inet_addr && vostrelka::time_us() < give_up) {
-        for (auto& line : log_lines_of([&] { gate.run_once(PASS_WAIT_US); })) lines.push_back(line);
+    for (int i = 0; i < 500 && !link.inet_addr; i++) {
+        for (auto& line : log_lines_of([&] { gate.run_once(10000); })) lines.push_back(line);
     }
     ASSERT_TRUE(link.inet_addr.has_value());
     EXPECT_EQ(lines, Lines{"MANet peer on iface 3 retrieved addrinfo '127.0.0.1:5000': '127.0.0.1:5000'"});
@@ -177,26 +157,35 @@ TEST_F(GateLoopTest, FinishedNameResolutionGivesTheLinkItsAddress) {
     EXPECT_EQ(pass(), Lines{});
 }
 
-TEST_F(GateLoopTest, SerialPortIsReopenedWhenItsPathExistsAndClosedWhenItsDescriptorDies) {
-    test_support::PtyPair line;
-    ASSERT_TRUE(line.ok());
+// The adapter is a pseudo-terminal behind a symlinked path, as udev names a
+// USB adapter: unplugging takes the permission bits off the old terminal's
+// node (what the gate sees through its open descriptor) and removes the
+// link; plugging back points the link at a new terminal.
+TEST_F(GateLoopTest, SerialPortIsClosedOnceWhenUnpluggedAndReopenedWhenPluggedBack) {
+    test_support::TempDir dir;
+    const std::string path = dir.path() + "/ttyADAPTER";
+    auto first = std::make_unique<test_support::PtyPair>();
+    ASSERT_EQ(symlink(first->slave_path().c_str(), path.c_str()), 0);
     auto port = std::make_shared<vostrelka::drivers::SerialPort>();
     vostrelka::net_device::NetDeviceFactory::SerialPortDeviceInfo record;
     record.port = port;
     record.baud_rate = 115200;
-    record.path = line.slave_path();
-    gate.factory.serial_ports().push_back(record);
-    record.port = std::make_shared<vostrelka::drivers::SerialPort>();
-    record.path = "/dev/no-such-serial-adapter";
+    record.path = path;
     gate.factory.serial_ports().push_back(record);
 
-    EXPECT_EQ(pass(), Lines{"Serial port " + line.slave_path() + " connecting"});
+    EXPECT_EQ(pass(), Lines{"Serial port " + path + " connecting"});
     EXPECT_TRUE(port->is_open());
     EXPECT_EQ(pass(), Lines{});
-
-    close(port->get_fd());
-    EXPECT_EQ(pass(), Lines{"Serial port " + line.slave_path() + " disconnected"});
+    ASSERT_EQ(chmod(first->slave_path().c_str(), 0), 0);
+    ASSERT_EQ(unlink(path.c_str()), 0);
+    EXPECT_EQ(pass(), Lines{"Serial port " + path + " disconnected"});
     EXPECT_FALSE(port->is_open());
+    EXPECT_EQ(pass(), Lines{});
+
+    test_support::PtyPair second;
+    ASSERT_EQ(symlink(second.slave_path().c_str(), path.c_str()), 0);
+    EXPECT_EQ(pass(), Lines{"Serial port " + path + " connecting"});
+    EXPECT_TRUE(port->is_open());
 }
 
 }  // namespace

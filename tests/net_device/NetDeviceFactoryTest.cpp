@@ -3,7 +3,6 @@
 #include <functional>
 #include <string>
 
-#include "support/FreeUdpPort.h"
 #include "support/PtyPair.h"
 #include "support/UdpEndpoint.h"
 #include "support/frame_recorder.h"

@@ -13,7 +13,7 @@ namespace test_support {
 inline std::atomic<bool> allocation_counting{false};
 inline std::atomic<uint64_t> allocation_count{0};
 
-// Allocations made while it lives; read them after the region closes.
+// Allocations made while it lives; read them with stop().
 class AllocationCounter {
 public:
     AllocationCounter() {
@@ -28,9 +28,7 @@ public:
 };
 
 inline void* counted_malloc(std::size_t size) {
-    if (allocation_counting.load(std::memory_order_relaxed)) {
-        allocation_count.fetch_add(1, std::memory_order_relaxed);
-    }
+    if (allocation_counting.load(std::memory_order_relaxed)) allocation_count.fetch_add(1, std::memory_order_relaxed);
     return std::malloc(size == 0 ? 1 : size);
 }
 
@@ -43,9 +41,8 @@ inline void* counted_malloc(std::size_t size) {
 #pragma GCC diagnostic ignored "-Wmismatched-new-delete"
 #endif
 void* operator new(std::size_t size) {
-    void* memory = test_support::counted_malloc(size);
-    if (memory == nullptr) throw std::bad_alloc();
-    return memory;
+    if (void* memory = test_support::counted_malloc(size)) return memory;
+    throw std::bad_alloc();
 }
 void* operator new[](std::size_t size) {
     return operator new(size);
@@ -53,8 +50,8 @@ void* operator new[](std::size_t size) {
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
     return test_support::counted_malloc(size);
 }
-void* operator new[](std::size_t size, const std::nothrow_t& tag) noexcept {
-    return operator new(size, tag);
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+    return test_support::counted_malloc(size);
 }
 void operator delete(void* memory) noexcept {
     std::free(memory);

@@ -5,14 +5,16 @@
 
 #include <cstdint>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "Gate.h"
-#include "support/RecordingNetDevice.h"
 #include "support/frame_recorder.h"
 
 namespace test_support {
+
+using Lines = std::vector<std::string>;
 
 struct InProcessGate {
     vostrelka::Gate gate;
@@ -35,7 +37,8 @@ struct InProcessGate {
     vostrelka::Gate::Interface& iface(uint32_t id) { return gate.ifaces.at(id); }
 };
 
-// A MANet packet: the 10-byte header, then `data`.
+// A MANet packet: src_addr and dst_addr (32-bit little-endian), kind, flag,
+// then `data`.
 inline std::vector<uint8_t> manet_payload(uint32_t src_addr, uint32_t dst_addr, std::vector<uint8_t> data = {},
                                           uint8_t kind = 0, uint8_t flag = 0) {
     std::vector<uint8_t> bytes;
@@ -51,18 +54,13 @@ inline std::vector<uint8_t> manet_payload(uint32_t src_addr, uint32_t dst_addr, 
 // Standard output of `action`, split into lines. Lines of resolver threads
 // ("Resolver: ...") come on their own schedule and are left out.
 template <typename Action>
-std::vector<std::string> log_lines_of(Action&& action) {
+Lines log_lines_of(Action&& action) {
     testing::internal::CaptureStdout();
     action();
-    const std::string text = testing::internal::GetCapturedStdout();
-    std::vector<std::string> lines;
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t end = text.find('\n', start);
-        if (end == std::string::npos) end = text.size();
-        std::string line = text.substr(start, end - start);
-        if (line.rfind("Resolver: ", 0) != 0) lines.push_back(std::move(line));
-        start = end + 1;
+    std::istringstream text(testing::internal::GetCapturedStdout());
+    Lines lines;
+    for (std::string line; std::getline(text, line);) {
+        if (line.rfind("Resolver: ", 0) != 0) lines.push_back(line);
     }
     return lines;
 }

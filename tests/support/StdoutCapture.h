@@ -1,51 +1,66 @@
 #pragma once
-// Catches what this process writes to standard output, line by line with the
-// time each line arrived, for code that logs from its own threads. Standard
-// output is pointed at a pipe for the capture's life and left unbuffered,
-// so a line is seen as soon as it is written. Test failures
-// reported meanwhile are captured too and passed on at the end.
-#include <chrono>
-#include <condition_variable>
-#include <cstdint>
-#include <functional>
-#include <mutex>
-#include <string>
-#include <thread>
-#include <vector>
+// Catches what this process writes to standard output, for code that logs
+// from its own threads. Standard output goes to a pipe for the capture's
+// life, unbuffered, so a line is seen as soon as it is written; the
+// destructor passes everything on, test failures reported meanwhile included.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <memory>
+
+#include "support/LinePipe.h"
 
 namespace test_support {
 
 class StdoutCapture {
 public:
-    struct Line {
-        std::string text;  // without the newline
-        int64_t at_us;     // time_us() when it was read
-    };
+    using Line = LinePipe::Line;
 
-    StdoutCapture();
-    ~StdoutCapture();  // restores standard output and writes the captured lines to it
-    StdoutCapture(const StdoutCapture&) = delete;
-    StdoutCapture& operator=(const StdoutCapture&) = delete;
+    StdoutCapture() {
+        int ends[2];
+        if (pipe2(ends, O_CLOEXEC) != 0) return;
+        std::fflush(stdout);
+        saved_stdout = dup(STDOUT_FILENO);
+        dup2(ends[1], STDOUT_FILENO);
+        write_end = ends[1];
+        // Unbuffered rather than line-buffered: switching a stream that has
+        // already written to line buffering leaves a lone newline sitting in
+        // the buffer until the next flush.
+        std::setvbuf(stdout, nullptr, _IONBF, 0);
+        pipe = std::make_unique<LinePipe>(ends[0]);
+    }
+    ~StdoutCapture() {
+        std::fflush(stdout);
+        dup2(saved_stdout, STDOUT_FILENO);
+        close(saved_stdout);
+        close(write_end);
+        if (!pipe) return;
+        pipe->wait_for([](const LinePipe::Seen& seen) { return seen.ended; }, std::chrono::seconds(5));
+        for (const auto& line : pipe->snapshot().lines) std::printf("%s\n", line.text.c_str());
+    }
 
-    bool ok() const { return reader.joinable(); }
+    bool ok() const { return pipe != nullptr; }
 
-    // Every line written so far, once the reader has caught up with them.
-    std::vector<Line> lines();
-    // Waits until `done` holds for the lines so far, or the timeout passes;
-    // returns whether it held.
-    bool wait_for(const std::function<bool(const std::vector<Line>&)>& done, std::chrono::milliseconds timeout);
+    // Every line written so far: the mark written behind them is read after them.
+    std::vector<Line> lines() {
+        std::fflush(stdout);
+        const uint64_t ticket = ++marks_sent;
+        if (write(write_end, &LinePipe::MARK, 1) == 1) {
+            pipe->wait_for([&](const LinePipe::Seen& seen) { return seen.marks >= ticket; }, std::chrono::seconds(5));
+        }
+        return pipe->snapshot().lines;
+    }
+    bool wait_for(const std::function<bool(const std::vector<Line>&)>& done, std::chrono::milliseconds timeout) {
+        std::fflush(stdout);
+        return pipe->wait_for([&](const LinePipe::Seen& seen) { return done(seen.lines); }, timeout);
+    }
 
 private:
-    void read_lines(int fd);
-
     int saved_stdout = -1;
     int write_end = -1;
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::vector<Line> captured;
-    uint64_t syncs_sent = 0;
-    uint64_t syncs_seen = 0;
-    std::thread reader;
+    uint64_t marks_sent = 0;
+    std::unique_ptr<LinePipe> pipe;
 };
 
 }  // namespace test_support

@@ -1,8 +1,13 @@
 #pragma once
-// A plain UDP socket on 127.0.0.1 for tests that talk to a device or a gate
-// over loopback: bound to an ephemeral port, sends to any local port, and
-// receives with a deadline instead of blocking.
-#include <cstdint>
+// UDP on 127.0.0.1 for tests: a socket that plays a device or a gateway, and
+// free ports for a gate under test to listen on.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <optional>
 #include <string>
 #include <vector>
@@ -11,34 +16,78 @@ namespace test_support {
 
 using Bytes = std::vector<uint8_t>;
 
+inline sockaddr_in loopback(uint16_t port) {
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(port);
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return addr;
+}
+
+// The local port a bound socket got from the system, 0 on failure.
+inline uint16_t bound_port_of(int fd) {
+    sockaddr_in addr{};
+    socklen_t size = sizeof(addr);
+    return getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &size) == 0 ? ntohs(addr.sin_port) : 0;
+}
+
+// Waits until `fd` is readable; false after `timeout_ms`.
+inline bool wait_readable(int fd, int timeout_ms = 1000) {
+    pollfd entry{fd, POLLIN, 0};
+    int ready;
+    do ready = poll(&entry, 1, timeout_ms);
+    while (ready < 0 && errno == EINTR);
+    return ready == 1 && (entry.revents & POLLIN) != 0;
+}
+
+// A socket bound to 127.0.0.1 on a port the system picks; receives with a
+// deadline instead of blocking.
 class UdpEndpoint {
 public:
-    // Binds 127.0.0.1 on a port the system picks; fails the test if it cannot.
-    UdpEndpoint();
-    ~UdpEndpoint();
+    UdpEndpoint() {
+        const sockaddr_in addr = loopback(0);
+        EXPECT_EQ(bind(socket_fd, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)), 0);
+        bound_port = bound_port_of(socket_fd);
+    }
+    ~UdpEndpoint() { close(socket_fd); }
     UdpEndpoint(const UdpEndpoint&) = delete;
     UdpEndpoint& operator=(const UdpEndpoint&) = delete;
 
     uint16_t port() const { return bound_port; }
-    std::string address() const;  // "127.0.0.1:<port>"
-    int fd() const { return socket_fd; }
+    std::string address() const { return "127.0.0.1:" + std::to_string(bound_port); }
 
     // One datagram to 127.0.0.1:`port`; true when all of it went out.
-    bool send_to(uint16_t port, const Bytes& bytes);
+    bool send_to(uint16_t port, const Bytes& bytes) {
+        const sockaddr_in to = loopback(port);
+        return sendto(socket_fd, bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof(to)) ==
+               static_cast<ssize_t>(bytes.size());
+    }
     // The next datagram, or nothing once `timeout_ms` has passed.
-    std::optional<Bytes> receive(int timeout_ms = 1000);
+    std::optional<Bytes> receive(int timeout_ms = 1000) {
+        if (!wait_readable(socket_fd, timeout_ms)) return std::nullopt;
+        Bytes buffer(65507);  // largest UDP payload over IPv4
+        sockaddr_in sender{};
+        socklen_t sender_size = sizeof(sender);
+        const ssize_t n = recvfrom(socket_fd, buffer.data(), buffer.size(), MSG_DONTWAIT,
+                                   reinterpret_cast<sockaddr*>(&sender), &sender_size);
+        if (n < 0) return std::nullopt;
+        sender_port = ntohs(sender.sin_port);
+        buffer.resize(static_cast<size_t>(n));
+        return buffer;
+    }
     // Port of the sender of the last datagram received.
     uint16_t last_sender_port() const { return sender_port; }
 
 private:
-    int socket_fd = -1;
+    int socket_fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     uint16_t bound_port = 0;
     uint16_t sender_port = 0;
 };
 
-// Waits until `fd` is readable; false after `timeout_ms`.
-bool wait_readable(int fd, int timeout_ms = 1000);
-// The local port a bound socket got from the system, 0 on failure.
-uint16_t bound_port_of(int fd);
+// A port that nothing is bound to right now. The socket that found it is
+// closed again, so the gate (which binds with SO_REUSEPORT) can take it.
+inline uint16_t free_udp_port() {
+    return UdpEndpoint().port();
+}
 
 }  // namespace test_support

@@ -6,9 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "support/FreeUdpPort.h"
 #include "support/GateProcess.h"
-#include "support/ProcessRun.h"
+#include "support/UdpEndpoint.h"
 #include "support/paths.h"
 #include "vostrelka/version.h"
 

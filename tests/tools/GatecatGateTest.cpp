@@ -7,11 +7,10 @@
 #include <string>
 #include <vector>
 
-#include "support/FreeUdpPort.h"
 #include "support/GateProcess.h"
-#include "support/ProcessRun.h"
 #include "support/PtyNullModem.h"
 #include "support/TempDir.h"
+#include "support/UdpEndpoint.h"
 #include "support/paths.h"
 
 using namespace test_support;
