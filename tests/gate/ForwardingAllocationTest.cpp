@@ -74,10 +74,10 @@ TEST_F(ForwardingAllocationTest, ForwardsEveryKindOfFrameWithoutTouchingTheHeap)
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
-        const Bytes datagram = serial_bytes(c.in);
+        const Bytes datagram = to_serial_bytes(c.in);
         RecordedFrame out = c.in;
         out.dst = c.dst_at_sink;
-        const Bytes expected = serial_bytes(out);
+        const Bytes expected = to_serial_bytes(out);
 
         // The first frame teaches the gate where 0x01 (and the node) lives;
         // learning adds to the peer tables, which the counter must see.

@@ -48,9 +48,9 @@ public:
 
     void send(const Frame& frame) {
         if (pty) {
-            ASSERT_TRUE(pty->write_master(serial_bytes(frame)));
+            ASSERT_TRUE(pty->write_master(to_serial_bytes(frame)));
         } else {
-            ASSERT_TRUE(udp.send_to(gate_port, serial_framing ? serial_bytes(frame) : datagram(frame)));
+            ASSERT_TRUE(udp.send_to(gate_port, serial_framing ? to_serial_bytes(frame) : datagram(frame)));
         }
     }
     // The next frame the gate sent here; empty after the timeout.

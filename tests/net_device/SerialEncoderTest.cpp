@@ -3,7 +3,6 @@
 #include <array>
 #include <tuple>
 
-#include "support/WireFrame.h"
 #include "support/frame_recorder.h"
 
 using namespace vostrelka::net_device;

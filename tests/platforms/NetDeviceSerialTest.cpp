@@ -8,7 +8,6 @@
 #include <cstring>
 
 #include "support/PtyPair.h"
-#include "support/WireFrame.h"
 #include "support/frame_recorder.h"
 #include "vostrelka/NetDeviceSerial.h"
 #include "vostrelka/SerialPort.h"

@@ -5,7 +5,6 @@
 #include <string>
 
 #include "support/UdpEndpoint.h"
-#include "support/WireFrame.h"
 #include "support/frame_recorder.h"
 #include "vostrelka/InetAddress.h"
 #include "vostrelka/net_device_udp/NetDeviceUDPSerial.h"

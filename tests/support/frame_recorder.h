@@ -104,7 +104,7 @@ private:
 };
 
 // The serial framing of one frame.
-inline std::vector<uint8_t> serial_bytes(const RecordedFrame& frame) {
+inline std::vector<uint8_t> to_serial_bytes(const RecordedFrame& frame) {
     return SerialFraming().encode(frame);
 }
 
