@@ -1,10 +1,10 @@
-// The CAN device on a real (virtual) bus, with can-utils as the other side.
+// The CAN device on a real (virtual) bus, with can-utils as the other side;
+// gate-through-can.sh checks what the gateway puts on the bus with candump.
 // Runs inside the guest of scripts/can-vm, which creates vcan0 and vcan1.
 #include <gtest/gtest.h>
 #include <poll.h>
 
 #include <cstdlib>
-#include <fstream>
 #include <functional>
 #include <string>
 
@@ -56,37 +56,7 @@ int cansend(std::initializer_list<const char*> frames) {
     return 0;
 }
 
-// What candump logged, as "vcan0 ID#DATA" lines, leaving out the probes of vcan0 with a standard identifier.
-std::vector<std::string> candump_frames() {
-    std::ifstream in("candump.log");
-    std::vector<std::string> out;
-    for (std::string line; std::getline(in, line);) {
-        line = line.substr(line.find(") ") + 2);
-        if (line != "vcan0 7FF#") out.push_back(line);
-    }
-    return out;
-}
-
 }  // namespace
-
-TEST(NetDeviceCanOnBus, SentFramesReachTheBusWithExactIdentifiers) {
-    Device device("vcan0", 0x10);
-    // candump ends itself once the bus is idle for 3 s; it listens once a probe, which devices ignore, comes through.
-    ASSERT_EQ(std::system("candump -L -T 3000 vcan0 > candump.log &"), 0);
-    for (int tries = 0; std::ifstream("candump.log").peek() == EOF && tries < 200; tries++) {
-        ASSERT_EQ(cansend({"7FF#"}), 0);
-        poll(nullptr, 0, 50);
-    }
-    for (const Bytes& payload : {Bytes{}, Bytes{1, 2, 3, 4, 5, 6, 7, 8}, Bytes{0xAB}}) {
-        ASSERT_EQ(device.send_raw(make_frame(1, 0x10, 0x20, payload)), 0);
-    }
-    ASSERT_EQ(device.send_raw(make_frame(5, 0x10, 0x20, TWENTY)), 0);
-    for (int tries = 0; candump_frames().size() < 7 && tries < 200; tries++) poll(nullptr, 0, 50);
-    EXPECT_EQ(candump_frames(),
-              (std::vector<std::string>{"vcan0 00104021#", "vcan0 00124021#0102030405060708", "vcan0 00144021#AB",
-                                        "vcan0 10064021#C8809862140005", "vcan0 10164021#0102030405060708",
-                                        "vcan0 10264021#090A0B0C0D0E0F10", "vcan0 10364021#11121314"}));
-}
 
 // Frames are read in bus order, so once the last accepted frame is through,
 // every one ignored or filtered before it has had its chance.

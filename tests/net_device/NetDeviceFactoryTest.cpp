@@ -23,50 +23,18 @@ std::string output_of(const std::function<void()>& action) {
 
 }  // namespace
 
-TEST(NetDeviceFactory, ParsesTypeParametersAndAddress) {
-    const struct {
-        const char* desc;
-        const char* type;
-        std::vector<std::string> params;
-        int address;
-    } cases[] = {
-        {"serial:///dev/ttyUSB0:115200/0x10", "serial", {"/dev/ttyUSB0", "115200"}, 0x10},
-        {"a://b://c:d/010", "a", {"b", "//c", "d"}, 10},               // the type ends at the first "://"
-        {"udp://h:1:7/0x1/0x1FF", "udp", {"h", "1", "7/0x1"}, 0x1FF},  // only the last slash counts
-    };
-    for (const auto& c : cases) {
-        NetDeviceFactory::InterfaceDescription out;
-        ASSERT_EQ(NetDeviceFactory().parse_interface_desc(c.desc, out), 0) << c.desc;
-        EXPECT_EQ(out.type, c.type) << c.desc;
-        EXPECT_EQ(out.params, c.params) << c.desc;
-        EXPECT_EQ(out.address, c.address) << c.desc;
-    }
-}
-
+// The other messages of a refused description are pinned end to end by the configuration tests.
 TEST(NetDeviceFactory, RefusesBadDescriptionsWithTheirMessage) {
-    const struct {
-        std::string desc, output;
-    } cases[] = {
-        {"udp:/127.0.0.1:1/1", "ERROR: invalid interface description\n"},
+    const std::pair<std::string, std::string> cases[] = {
         {"udp:///1", "ERROR: invalid interface description\n"},  // nothing left for parameters
         {"udp://h:1/zz", "ERROR: invalid interface description\n"},
-        {"Serial:///dev/null:9600/1",
-         "ERROR: unsupported interface type \"Serial\", supported types: serial, can, udp, udpserial\n"},
         {"udp://127.0.0.1:1:2/1", ""},  // a wrong number of parameters is the caller's to report
-        {"serial:///dev/null:fast/1", "ERROR: parse serial baudrate: stol\n"},
-        {"udp://127.0.0.1:-x/1", "ERROR: parse listen port -x: stoul\n"},
-        {"udp://gw:1/1", "ERROR: failed to create inet address from host/port. gw : 1\n"},
-        {"udp://127.0.0.1:0:127.0.0.1:/1", "ERROR: parse destination port : stoul\n"},
         {"udp://127.0.0.1:0:gw:70000/1", "ERROR: failed to create destination address from gw : 4464\n"},
     };
     NetDeviceFactory factory;
-    for (const auto& c : cases) {
-        EXPECT_EQ(output_of([&] { EXPECT_EQ(factory.make_net_device(c.desc), nullptr); }), c.output) << c.desc;
+    for (const auto& [desc, output] : cases) {
+        EXPECT_EQ(output_of([&] { EXPECT_EQ(factory.make_net_device(desc), nullptr); }), output) << desc;
     }
-    EXPECT_NE(output_of([&] {
-                  EXPECT_EQ(factory.make_net_device("can://nosuchcan7", 1), nullptr);
-              }).find("ERROR: failed to open CAN device: nosuchcan7\n"),
-              std::string::npos);
 }
 
 TEST(NetDeviceFactory, BuildsUdpDevicesOnTheirPortsAndDestination) {
@@ -89,9 +57,10 @@ TEST(NetDeviceFactory, SerialDeviceKeepsARecordOfItsPortEvenWhenItDidNotOpen) {
     test_support::PtyPair pty;
     NetDeviceFactory factory;
     const std::string output = output_of([&] {
-        EXPECT_NE(dynamic_cast<NetDeviceSerial*>(
-                      factory.make_net_device("serial://" + pty.slave_path() + ":115200:2/16").get()),
-                  nullptr);
+        // The path has slashes of its own: only the last one separates the address.
+        auto device = factory.make_net_device("serial://" + pty.slave_path() + ":115200:2/16");
+        ASSERT_NE(dynamic_cast<NetDeviceSerial*>(device.get()), nullptr);
+        EXPECT_EQ(device->address, 16);
         EXPECT_NE(factory.make_net_device("serial:///nonexistent/ttyX:9600", 7), nullptr);
         EXPECT_NE(factory.make_net_device("serial://" + pty.slave_path() + ":14400/3"), nullptr);
     });

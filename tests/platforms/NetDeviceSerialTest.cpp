@@ -21,10 +21,9 @@ using SerialDevice = NetDeviceSerialAlloc<2048, 2048>;
 
 namespace {
 
-// proto 7, 1 -> 0x10: escapes, and the control characters a cooked line would eat.
+// Escapes, and the control characters a cooked line would eat.
 const Bytes TRICKY_PAYLOAD = {0x42, 0x55, 0x00, 0x11, 0x13, 0x0D, 0x0A, 0x03};
-const Bytes TRICKY_LINE = {0x42, 0x0D, 0xB8, 0xCA, 0xCA, 0x07, 0x01, 0x10, 0x55, 0xBD,
-                           0x55, 0xAA, 0x00, 0x11, 0x13, 0x0D, 0x0A, 0x03, 0x42};
+const Bytes TRICKY_LINE = to_serial_bytes({7, 1, 0x10, TRICKY_PAYLOAD});
 
 // "r" when the device asks the main loop to watch `fd` for reading, "w" for writing.
 std::string watched(NetDevice& device, int fd) {

@@ -18,8 +18,7 @@ using vostrelka::InetAddress;
 namespace {
 
 // Sums payload sizes instead of copying, so that delivery allocates nothing.
-struct Counting : SerialEncoderHandlerI, NetDeviceMessageHandlerI {
-    void on_frame(const Frame& frame) override { bytes += frame.payload.size; }
+struct Counting : NetDeviceMessageHandlerI {
     void on_frame(NetDevice&, const Frame& frame) override { bytes += frame.payload.size; }
     uint64_t bytes = 0;
 };
