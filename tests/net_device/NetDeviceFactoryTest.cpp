@@ -32,8 +32,8 @@ TEST(NetDeviceFactory, RefusesBadDescriptionsWithTheirMessage) {
         {"udp://127.0.0.1:0:gw:70000/1", "ERROR: failed to create destination address from gw : 4464\n"},
     };
     NetDeviceFactory factory;
-    for (const auto& [desc, output] : cases) {
-        EXPECT_EQ(output_of([&] { EXPECT_EQ(factory.make_net_device(desc), nullptr); }), output) << desc;
+    for (const auto& c : cases) {
+        EXPECT_EQ(output_of([&] { EXPECT_EQ(factory.make_net_device(c.first), nullptr); }), c.second) << c.first;
     }
 }
 
