@@ -23,18 +23,31 @@ std::string output_of(const std::function<void()>& action) {
 
 }  // namespace
 
-// The other messages of a refused description are pinned end to end by the configuration tests.
 TEST(NetDeviceFactory, RefusesBadDescriptionsWithTheirMessage) {
+    test_support::UdpEndpoint holder;
     const std::pair<std::string, std::string> cases[] = {
         {"udp:///1", "ERROR: invalid interface description\n"},  // nothing left for parameters
         {"udp://h:1/zz", "ERROR: invalid interface description\n"},
+        {"Udp://h:1/1", "ERROR: unsupported interface type \"Udp\", supported types: serial, can, udp, udpserial\n"},
         {"udp://127.0.0.1:1:2/1", ""},  // a wrong number of parameters is the caller's to report
+        {"serial:///dev/null:fast/1", "ERROR: parse serial baudrate: stol\n"},
+        {"udp://127.0.0.1:-x/1", "ERROR: parse listen port -x: stoul\n"},
+        {"udp://gw:1/1", "ERROR: failed to create inet address from host/port. gw : 1\n"},
+        {"udp://" + holder.address() + "/1", "NetDeviceUDP: ERROR binding to " + holder.address() +
+                                                 ": Address already in use\nERROR: create socket on address "
+                                                 "127.0.0.1:" +
+                                                 std::to_string(holder.port()) + "\n"},
+        {"udp://127.0.0.1:0:127.0.0.1:/1", "ERROR: parse destination port : stoul\n"},
         {"udp://127.0.0.1:0:gw:70000/1", "ERROR: failed to create destination address from gw : 4464\n"},
     };
     NetDeviceFactory factory;
     for (const auto& c : cases) {
         EXPECT_EQ(output_of([&] { EXPECT_EQ(factory.make_net_device(c.first), nullptr); }), c.second) << c.first;
     }
+    EXPECT_NE(output_of([&] {
+                  EXPECT_EQ(factory.make_net_device("can://nosuchcan7", 1), nullptr);
+              }).find("ERROR: failed to open CAN device: nosuchcan7\n"),
+              std::string::npos);
 }
 
 TEST(NetDeviceFactory, BuildsUdpDevicesOnTheirPortsAndDestination) {
