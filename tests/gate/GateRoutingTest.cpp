@@ -1,18 +1,51 @@
-// Routing decisions of a Gate in this process, on devices that record what
-// they are asked to send.
+// A Gate in this process, on devices that record what they are asked to
+// send: routing, the peer tables, and service frames naming a UTM server.
 #include <gtest/gtest.h>
 
+#include <cstring>
+
 #include "support/InProcessGate.h"
-#include "support/UdpEndpoint.h"
-#include "vostrelka/net_device_udp/NetDeviceUDP.h"
+#include "vostrelka/Time.h"
 
 using namespace test_support;
+using vostrelka::AddressResolver;
 using vostrelka::Gate;
+using vostrelka::InetAddress;
 using Frames = std::vector<RecordedFrame>;
 
 namespace {
 
 constexpr uint8_t OPAQUE_PROTO = 7;
+
+std::unique_ptr<AddressResolver> resolver(const std::string& text) {
+    return std::make_unique<AddressResolver>(*vostrelka::HostPort::from(text), false);
+}
+
+void put_le(Bytes& out, uint64_t value, size_t size) {
+    for (size_t i = 0; i < size; i++) out.push_back(static_cast<uint8_t>(value >> (8 * i)));
+}
+
+// A service record (seq 4 | type 1 | message id 1 | body size 4 | body)
+// holding a device_config body, cut to `cut_to` bytes, that names a UTM
+// server on port 5000:
+//   device_serial 32 | hash 16 | cfg_id 1 | node_manet_addr 4 | utm_manet_addr 4 |
+//   utm_inet_port 2 | node_manet_key 16 | utm_inet_host 32 | json length 4 | json
+Bytes device_config(uint32_t utm_manet_addr, const char* host = "127.0.0.1", std::string json = "", size_t cut_to = 200,
+                    uint8_t id = 4) {
+    Bytes body(49, 3);
+    put_le(body, 0x0B000001, 4);
+    put_le(body, utm_manet_addr, 4);
+    put_le(body, 5000, 2);
+    body.resize(body.size() + 16 + 32);
+    std::memcpy(&body[body.size() - 32], host, std::strlen(host));
+    put_le(body, json.size(), 4);
+    body.insert(body.end(), json.begin(), json.end());
+    body.resize(std::min(body.size(), cut_to));
+    Bytes record{42, 0, 0, 0, 1, id};
+    put_le(record, body.size(), 4);
+    record.insert(record.end(), body.begin(), body.end());
+    return record;
+}
 
 class GateRoutingTest : public ::testing::Test {
 protected:
@@ -22,12 +55,17 @@ protected:
     std::shared_ptr<RecordingNetDevice> serial2 = bench.add_recording_iface(2);
     std::shared_ptr<RecordingNetDevice> manet3 = bench.add_recording_iface(3, Gate::MANET);
 
-    // Peers learned quietly, so that tests see only their own lines.
-    void know_local(uint32_t iface, uint8_t addr) {
-        log_lines_of([&] { gate.add_local_peer(bench.iface(iface), addr, std::nullopt); });
+    Lines local(uint32_t iface, uint8_t addr, const char* address = nullptr) {
+        return log_lines_of([&] {
+            gate.add_local_peer(bench.iface(iface), addr, address ? InetAddress::from(address) : std::nullopt);
+        });
     }
-    void know_manet(uint32_t iface, uint32_t manet_addr, uint8_t local_addr) {
-        log_lines_of([&] { gate.add_manet_peer(bench.iface(iface), manet_addr, local_addr, nullptr, {}); });
+    Lines link(uint32_t iface, uint32_t manet_addr, uint8_t local_addr,
+               std::unique_ptr<AddressResolver> by_name = nullptr, const char* address = nullptr) {
+        return log_lines_of([&] {
+            gate.add_manet_peer(bench.iface(iface), manet_addr, local_addr, std::move(by_name),
+                                address ? InetAddress::from(address) : std::nullopt);
+        });
     }
     Lines receive(RecordingNetDevice& device, uint8_t proto_id, uint8_t src, uint8_t dst, const Bytes& payload) {
         return log_lines_of([&] { device.receive(make_frame(proto_id, src, dst, payload)); });
@@ -35,39 +73,35 @@ protected:
 };
 
 TEST_F(GateRoutingTest, UnicastReachesAPeerOnAnotherInterfaceUnchangedAndTheReplyFindsTheSender) {
-    know_local(2, 0x03);
+    local(2, 0x03);
     receive(*serial1, OPAQUE_PROTO, 0x01, 0x03, {1, 2, 3});
     EXPECT_EQ(serial2->sent, (Frames{{OPAQUE_PROTO, 0x01, 0x03, {1, 2, 3}}}));
     receive(*serial2, OPAQUE_PROTO, 0x03, 0x01, {4});
     EXPECT_EQ(serial1->sent, (Frames{{OPAQUE_PROTO, 0x03, 0x01, {4}}}));
 }
 
-TEST_F(GateRoutingTest, UnicastBetweenPeersOnOneBusIsNotForwarded) {
-    know_local(1, 0x02);
-    gate.debug_level = 3;
-    EXPECT_EQ(receive(*serial1, OPAQUE_PROTO, 0x01, 0x02, {1}),
-              (Lines{"recv frame on iface 1: 0x01 -> 0x02, size=1, proto_id 7", "add local peer on iface 1: 0x01"}));
-    EXPECT_TRUE(serial1->sent.empty());
-}
-
+// 0x01 sends to 0x03 on the other interface, to unknown 0x09, and to 0x02
+// on its own bus, which is not forwarded.
 TEST_F(GateRoutingTest, LocalFrameLinesAppearAtTheirLevels) {
-    know_local(1, 0x01);
-    know_local(2, 0x03);
-    const std::string recv = "recv frame on iface 1: 0x01 -> 0x03, size=4, proto_id 7";
+    local(1, 0x01);
+    local(1, 0x02);
+    local(2, 0x03);
+    auto recv = [](int dst) {
+        return "recv frame on iface 1: 0x01 -> 0x0" + std::to_string(dst) + ", size=1, proto_id 7";
+    };
     const std::string forw = "forw frame to iface 2: 0x01 -> 0x03, proto_id 7";
-    const std::string recv_lost = "recv frame on iface 1: 0x01 -> 0x09, size=4, proto_id 7";
     const std::string lost = "WARNING: local peer not found to route 0x01 -> 0x09, proto_id 7";
     const std::vector<std::pair<int, Lines>> cases = {
-        {0, {}}, {1, {lost}}, {2, {forw, lost}}, {3, {recv, forw, recv_lost, lost}}};
+        {0, {}}, {1, {lost}}, {2, {forw, lost}}, {3, {recv(3), forw, recv(9), lost, recv(2)}}};
     for (const auto& [level, expected] : cases) {
         gate.debug_level = level;
         const Lines lines = log_lines_of([&] {
-            const Bytes payload{1, 2, 3, 4};
-            serial1->receive(make_frame(OPAQUE_PROTO, 0x01, 0x03, payload));
-            serial1->receive(make_frame(OPAQUE_PROTO, 0x01, 0x09, payload));
+            for (uint8_t dst : {0x03, 0x09, 0x02}) serial1->receive(make_frame(OPAQUE_PROTO, 0x01, dst, {1}));
         });
         EXPECT_EQ(lines, expected) << "level " << level;
     }
+    EXPECT_EQ(serial2->sent.size(), 4u);
+    EXPECT_TRUE(serial1->sent.empty());
 }
 
 TEST_F(GateRoutingTest, FrameFromADeviceOutsideTheTablesIsAnError) {
@@ -78,7 +112,7 @@ TEST_F(GateRoutingTest, FrameFromADeviceOutsideTheTablesIsAnError) {
 }
 
 TEST_F(GateRoutingTest, ManetPacketCrossesFromALocalLinkToTheGatewayLinkAndBack) {
-    know_manet(3, 0x0A000002, 0x42);
+    link(3, 0x0A000002, 0x42);
     gate.debug_level = 3;
     const Bytes out = manet_payload(0x0B000001, 0x0A000002, {0xDE, 0xAD}, 5, 1);
     EXPECT_EQ(receive(*serial1, Gate::MANET_PROTO_ID, 0x01, 0xFF, out),
@@ -97,65 +131,127 @@ TEST_F(GateRoutingTest, ManetPacketCrossesFromALocalLinkToTheGatewayLinkAndBack)
 }
 
 TEST_F(GateRoutingTest, FramesThatLeadNowhereAreDroppedWithTheirLines) {
-    know_local(1, 0x05);
-    know_manet(3, 0x0A000002, 0x42);
-    know_manet(2, 0x0B000002, 0x08);
+    local(1, 0x05);
+    link(3, 0x0A000002, 0x42);
+    link(2, 0x0B000002, 0x08);
+    const Lines non_manet = {"WARNING: non-MANet protocol on MANet interface, iface 3: 0x20 -> 0x05, proto_id 7"};
+    const Lines same_type = {"add local peer on iface 1: 0x20", "add MANet peer on iface 1: 0x0B000001 / 0x20",
+                             "WARNING: not forwarding MANet packet to interface of the same type as source (1): "
+                             "0x0B000001 / 0x20 -> 0x0B000002 / 0x05"};
+    const Lines no_peer = {"WARNING: MANet peer not found for: 0x0B000001 / 0x20 -> 0x0A000009 / 0x05"};
     const Bytes header = manet_payload(0x0C000001, 0x0A000002);
-    struct Case {
-        RecordingNetDevice* from;
-        uint8_t proto_id;
-        Bytes payload;
-        int level;
-        Lines expected;
-    };
-    const Case cases[] = {
-        {manet3.get(),
-         OPAQUE_PROTO,
-         {1},
-         1,
-         {"WARNING: non-MANet protocol on MANet interface, iface 3: 0x20 -> 0x05, proto_id 7"}},
+    const std::tuple<RecordingNetDevice*, uint8_t, Bytes, int, Lines> cases[] = {
+        {manet3.get(), OPAQUE_PROTO, {1}, 1, non_manet},
         // A gateway link accepts MANet traffic only from known gateways.
         {manet3.get(), Gate::MANET_PROTO_ID, manet_payload(0x0A000009, 0x0B000001), 2, {}},
-        {serial1.get(),
-         Gate::MANET_PROTO_ID,
-         manet_payload(0x0B000001, 0x0B000002),
-         1,
-         {"add local peer on iface 1: 0x20", "add MANet peer on iface 1: 0x0B000001 / 0x20",
-          "WARNING: not forwarding MANet packet to interface of the same type as source (1): "
-          "0x0B000001 / 0x20 -> 0x0B000002 / 0x05"}},
-        {serial1.get(),
-         Gate::MANET_PROTO_ID,
-         manet_payload(0x0B000001, 0x0A000009),
-         1,
-         {"WARNING: MANet peer not found for: 0x0B000001 / 0x20 -> 0x0A000009 / 0x05"}},
+        {serial1.get(), Gate::MANET_PROTO_ID, manet_payload(0x0B000001, 0x0B000002), 1, same_type},
+        {serial1.get(), Gate::MANET_PROTO_ID, manet_payload(0x0B000001, 0x0A000009), 1, no_peer},
         // Shorter than its header: not read (a heap block of exactly nine
         // bytes shows a read past it under the address sanitizer).
         {serial1.get(), Gate::MANET_PROTO_ID, Bytes(header.begin(), header.begin() + 9), 3, {}},
     };
-    for (const Case& c : cases) {
-        gate.debug_level = c.level;
-        EXPECT_EQ(receive(*c.from, c.proto_id, 0x20, 0x05, c.payload), c.expected);
+    for (const auto& [from, proto_id, payload, level, expected] : cases) {
+        gate.debug_level = level;
+        EXPECT_EQ(receive(*from, proto_id, 0x20, 0x05, payload), expected);
         EXPECT_TRUE(serial1->sent.empty() && serial2->sent.empty() && manet3->sent.empty());
     }
     EXPECT_EQ(gate.manet_peers.count(0x0C000001), 0u);
 }
 
-TEST_F(GateRoutingTest, UdpPeerWithoutSocketAddressIsNotSentTo) {
-    auto udp = std::make_shared<vostrelka::net_device::NetDeviceUDP>(2048, 0xFF);
-    ASSERT_TRUE(udp->create_socket(*vostrelka::InetAddress::from(std::string("127.0.0.1:0"))));
-    Gate::Interface& iface4 = bench.add_iface(4, Gate::LOCAL, udp);
-    UdpEndpoint node;
-    log_lines_of([&] {
-        gate.add_local_peer(iface4, 0x01, vostrelka::InetAddress::from(node.address()));
-        gate.add_local_peer(iface4, 0x09, std::nullopt);
-    });
-    // The device now points at the node; a send for 0x09 would land there.
-    receive(*serial2, OPAQUE_PROTO, 0x03, 0x01, {5});
-    EXPECT_EQ(node.receive(), (Bytes{OPAQUE_PROTO, 0x03, 0x01, 5}));
-    gate.debug_level = 2;
-    EXPECT_EQ(receive(*serial2, OPAQUE_PROTO, 0x03, 0x09, {5}),
-              Lines{"forw frame to iface 4: 0x03 -> 0x09, proto_id 7"});
-    EXPECT_EQ(node.receive(100), std::nullopt);
+TEST_F(GateRoutingTest, LocalPeerFollowsTheLastInterfaceAndAddressItWasHeardOn) {
+    EXPECT_EQ(local(1, 0x05), Lines{"add local peer on iface 1: 0x05"});
+    EXPECT_EQ(local(1, 0x05), Lines{});
+    EXPECT_EQ(local(2, 0x05), (Lines{"remove old local peer on iface 1: 0x05", "add local peer on iface 2: 0x05"}));
+    // An address appearing, changing or vanishing counts as a move.
+    EXPECT_EQ(local(2, 0x05, "127.0.0.1:9000"),
+              (Lines{"remove old local peer on iface 2: 0x05", "add local peer on iface 2: 0x05 / 127.0.0.1:9000"}));
+    EXPECT_EQ(local(2, 0x05, "127.0.0.1:9000"), Lines{});
+    EXPECT_EQ(local(2, 0x05, "127.0.0.1:9001"), (Lines{"remove old local peer on iface 2: 0x05 / 127.0.0.1:9000",
+                                                       "add local peer on iface 2: 0x05 / 127.0.0.1:9001"}));
+    EXPECT_EQ(local(2, 0x05).size(), 2u);
+    ASSERT_EQ(gate.local_peers.size(), 1u);
+    EXPECT_EQ(gate.local_peers.at(0x05).iface, &bench.iface(2));
+}
+
+TEST_F(GateRoutingTest, ASightingOfAKnownLinkRefreshesTheGatewaysFirstLink) {
+    link(1, 0x0A000001, 0x10);
+    link(2, 0x0A000001, 0x10);
+    auto& links = gate.manet_peers.at(0x0A000001);
+    const uint64_t long_ago = static_cast<uint64_t>(vostrelka::time_us()) - 60000000;
+    links[0].last_seen = links[1].last_seen = long_ago;
+    // Matched on iface 2, refreshed on iface 1.
+    EXPECT_EQ(link(2, 0x0A000001, 0x10), Lines{});
+    ASSERT_EQ(links.size(), 2u);
+    EXPECT_GT(links[0].last_seen, long_ago);
+    EXPECT_EQ(links[1].last_seen, long_ago);
+}
+
+TEST_F(GateRoutingTest, ANewAddressOrHostReplacesTheLinkOnThatInterfaceOnly) {
+    link(1, 0x0A000001, 0x10);
+    link(3, 0x0A000001, 0x11, nullptr, "10.0.0.1:5000");
+    EXPECT_EQ(link(3, 0x0A000001, 0x22), Lines{});  // no address matches any link
+    EXPECT_EQ(link(3, 0x0A000001, 0x12, nullptr, "10.0.0.2:5000"),
+              (Lines{"Replace MANet peer on iface 3: 0x0A000001 / 0x11 / 10.0.0.1:5000",
+                     "add MANet peer on iface 3: 0x0A000001 / 0x12 / 10.0.0.2:5000"}));
+    // A host name never matches a link that has none.
+    EXPECT_EQ(link(3, 0x0A000001, 0xFF, resolver("localhost:5000")),
+              (Lines{"Replace MANet peer on iface 3: 0x0A000001 / 0x12 / 10.0.0.2:5000",
+                     "add MANet peer on iface 3: 0x0A000001 / 0xFF / localhost:5000 / UNKNOWN INET ADDR"}));
+    // The same host text only refreshes; the new resolver is dropped.
+    const AddressResolver* kept = gate.manet_peers.at(0x0A000001)[1].resolver.get();
+    EXPECT_EQ(link(3, 0x0A000001, 0xFF, resolver("localhost:5000")), Lines{});
+    EXPECT_EQ(gate.manet_peers.at(0x0A000001)[1].resolver.get(), kept);
+    // Both a host name and an address: refused without a word.
+    EXPECT_EQ(link(3, 0x0A000001, 0x13, resolver("localhost:5001"), "10.0.0.3:5000"), Lines{});
+    ASSERT_EQ(gate.manet_peers.at(0x0A000001).size(), 2u);
+    EXPECT_EQ(gate.manet_peers.at(0x0A000001)[0].iface, &bench.iface(1));
+}
+
+TEST_F(GateRoutingTest, TwoMatchingLinksOnOneInterfaceAreAnErrorAndChangeNothing) {
+    link(1, 0x0A000001, 0x10);
+    gate.manet_peers.at(0x0A000001).push_back({&bench.iface(1), 0x11, nullptr, std::nullopt, 0});
+    EXPECT_EQ(link(1, 0x0A000001, 0x12), Lines{"ERROR: more than one manet link on iface 1"});
+    EXPECT_EQ(gate.manet_peers.at(0x0A000001).size(), 2u);
+}
+
+TEST_F(GateRoutingTest, PeerTextIsCutAt127Characters) {
+    const std::string host(200, 'h');
+    EXPECT_EQ(gate.full_addr_s_manet(1, 2, resolver(host + ":1"), std::nullopt).size(), 127u);
+    InetAddress long_local = *InetAddress::from("1.2.3.4:5");
+    long_local.host = host;
+    EXPECT_EQ(gate.full_addr_s_local(0x05, long_local).size(), 127u);
+}
+
+TEST_F(GateRoutingTest, DeviceConfigIsForwardedThenAddsItsUtmOnceOnEveryManetInterface) {
+    bench.add_recording_iface(4, Gate::MANET);
+    local(2, 0x05);
+    const Bytes config = device_config(0x0A000001);
+    EXPECT_EQ(receive(*serial1, Gate::SERVICE_PROTO_ID, 0x01, 0xFF, config),
+              (Lines{"add local peer on iface 1: 0x01",
+                     "add MANet peer on iface 3: 0x0A000001 / 0xFF / 127.0.0.1:5000 / UNKNOWN INET ADDR",
+                     "add MANet peer on iface 4: 0x0A000001 / 0xFF / 127.0.0.1:5000 / UNKNOWN INET ADDR"}));
+    EXPECT_EQ(serial2->sent, (Frames{{Gate::SERVICE_PROTO_ID, 0x01, 0xFF, config}}));
+    EXPECT_EQ(receive(*serial1, Gate::SERVICE_PROTO_ID, 0x01, 0xFF, config), Lines{});
+    EXPECT_EQ(gate.manet_peers.at(0x0A000001).size(), 2u);
+}
+
+TEST_F(GateRoutingTest, MalformedUnusableOrOtherServiceMessagesChangeNothing) {
+    local(1, 0x01);
+    const Lines parse_error = {"ERROR: failed to parse device config message"};
+    const std::tuple<Bytes, uint8_t, Lines> cases[] = {
+        {device_config(0x0A000001, "127.0.0.1", "", 48), 8, parse_error},   // cut inside the fixed fields
+        {device_config(0x0A000001, "127.0.0.1", "", 106), 8, parse_error},  // cut inside manet_config
+        {device_config(0x0A000001, "127.0.0.1", "", 110), 8, parse_error},
+        {device_config(0x0A000001, "127.0.0.1", "{"), 8, parse_error},  // configuration text is refused
+        {device_config(0), 8, {}},                                      // no UTM
+        {device_config(0x0A000001, ""), 8, {"ERROR: failed to parse UTM host and port. :5000"}},
+        {device_config(0x0A000001, "127.0.0.1", "", 200, 5), 8, {}},  // another message
+        {device_config(0x0A000001), OPAQUE_PROTO, {}},
+    };
+    for (const auto& [payload, proto_id, expected] : cases) {
+        EXPECT_EQ(receive(*serial1, proto_id, 0x01, 0xFF, payload), expected);
+        EXPECT_TRUE(gate.manet_peers.empty());
+    }
 }
 
 }  // namespace

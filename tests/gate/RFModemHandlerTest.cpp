@@ -2,10 +2,9 @@
 #include <gtest/gtest.h>
 
 #include "RFModemHandler.h"
-#include "support/InProcessGate.h"
+#include "support/frame_recorder.h"
 
 using namespace test_support;
-using vostrelka::Gate;
 
 namespace {
 
@@ -23,23 +22,12 @@ TEST(RFModemHandlerTest, SendsFirstThenOnlyAfterStrictlyMoreThanAPeriod) {
     EXPECT_EQ(sent_at, (std::vector<long>{0, 1500000, 3000000}));
 }
 
-TEST(RFModemHandlerTest, ModemGetsTheLowestManetAddressPowerAndChannelInOneMessage) {
-    InProcessGate bench;
-    auto radio = bench.add_recording_iface(2);
-    radio->address = 0x31;
-    log_lines_of([&] {
-        for (uint32_t manet_addr : {5u, 2u}) bench.gate.add_manet_peer(bench.iface(2), manet_addr, 0x10, nullptr, {});
-    });
-    EXPECT_EQ(log_lines_of([&] {
-                  bench.gate.parse_rfmodem_config(bench.iface(2), {{"channel", 300}, {"power", 20}});
-              }),
-              Lines{"RFModem on iface 2: addr=0x00000002 channel=44 power=20.0"});
-    ASSERT_EQ(bench.gate.handlers.size(), 1u);
-    bench.gate.handlers[0]->update(T0_US);
-    // id 1 | size 9 (LE) | addr (LE) | power (float LE) | channel, from the
-    // device's own address to the modem at 9.
+TEST(RFModemHandlerTest, BaseConfigGoesFromTheDeviceToTheModemAtNine) {
+    RecordingNetDevice device(0x31);
+    vostrelka::RFModemHandler(&device, 2, 20.0f, 44).update(T0_US);
+    // id 1 | size 9 (LE) | addr (LE) | power (float LE) | channel
     EXPECT_EQ(
-        radio->sent,
+        device.sent,
         (std::vector<RecordedFrame>{{14, 0x31, 9, {0x01, 0x09, 0, 0, 0, 0x02, 0, 0, 0, 0x00, 0x00, 0xA0, 0x41, 44}}}));
 }
 

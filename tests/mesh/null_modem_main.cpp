@@ -5,7 +5,7 @@
 #include <csignal>
 #include <cstdio>
 
-#include "support/PtyNullModem.h"
+#include "support/PtyPair.h"
 
 int main() {
     // Blocked before the copier thread starts, so that it inherits the mask

@@ -1,10 +1,8 @@
 #pragma once
-// Counts heap allocations made inside a measured region. Including this
+// Counts heap allocations from its construction until stop(). Including this
 // header REPLACES the global allocation functions of the whole binary, so
-// include it from exactly one file, in a test binary of its own (every
-// *Test.cpp is one).
+// only one file of a test binary of its own may include it.
 #include <atomic>
-#include <cstdint>
 #include <cstdlib>
 #include <new>
 
@@ -13,18 +11,10 @@ namespace test_support {
 inline std::atomic<bool> allocation_counting{false};
 inline std::atomic<uint64_t> allocation_count{0};
 
-// Allocations made while it lives; read them with stop().
-class AllocationCounter {
-public:
-    AllocationCounter() {
-        allocation_count = 0;
-        allocation_counting = true;
-    }
+struct AllocationCounter {
+    AllocationCounter() { allocation_count = 0, allocation_counting = true; }
     ~AllocationCounter() { allocation_counting = false; }
-    uint64_t stop() {
-        allocation_counting = false;
-        return allocation_count;
-    }
+    uint64_t stop() { return allocation_counting = false, allocation_count.load(); }
 };
 
 inline void* counted_malloc(std::size_t size) {

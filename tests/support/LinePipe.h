@@ -1,12 +1,11 @@
 #pragma once
-// The read end of a pipe, collected by a thread of its own into lines, each
-// with the time it arrived, until the writers close the pipe. A byte 0x01 is
-// never text: it counts as a mark, so that a writer can tell when the reader
-// has caught up with everything written before it.
+// The read end of a pipe, read by a thread of its own into lines, each with
+// the time it arrived, until the writers close the pipe. A byte 0x01 is
+// never text but a mark, so that a writer can tell when the reader has
+// caught up with what it wrote before.
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
@@ -26,8 +25,8 @@ public:
         int64_t at_us;     // time_us() when it was read
     };
     struct Seen {
-        std::vector<Line> lines;
-        std::string text;  // everything read, marks left out
+        std::vector<Line> lines;  // a last line without newline once ended
+        std::string text;         // everything but the marks
         bool ended = false;
         uint64_t marks = 0;
     };
@@ -35,8 +34,8 @@ public:
     explicit LinePipe(int read_fd) : reader([this, read_fd] { read_all(read_fd); }) {}
     ~LinePipe() { reader.join(); }  // the writers must have closed the pipe
 
-    // Waits until `done` holds for what was read so far, or the timeout
-    // passes; returns whether it held.
+    // Waits until `done` holds for what was read, or the timeout passes;
+    // returns whether it held.
     bool wait_for(const std::function<bool(const Seen&)>& done, std::chrono::milliseconds timeout) {
         std::unique_lock<std::mutex> lock(mutex);
         return changed.wait_for(lock, timeout, [&] { return done(seen); });
@@ -50,9 +49,7 @@ private:
     void read_all(int fd) {
         std::string partial;
         char buffer[4096];
-        for (ssize_t n; (n = read(fd, buffer, sizeof(buffer))) != 0;) {
-            if (n < 0 && errno == EINTR) continue;
-            if (n < 0) break;
+        for (ssize_t n; (n = read(fd, buffer, sizeof(buffer))) > 0 || (n < 0 && errno == EINTR);) {
             std::lock_guard<std::mutex> lock(mutex);
             for (ssize_t i = 0; i < n; ++i) {
                 if (buffer[i] == MARK) {
@@ -62,16 +59,15 @@ private:
                 seen.text.push_back(buffer[i]);
                 if (buffer[i] != '\n') {
                     partial.push_back(buffer[i]);
-                } else {
-                    seen.lines.push_back({std::move(partial), vostrelka::time_us()});
-                    partial.clear();
+                    continue;
                 }
+                seen.lines.push_back({std::move(partial), vostrelka::time_us()});
+                partial.clear();
             }
             changed.notify_all();
         }
         close(fd);
         std::lock_guard<std::mutex> lock(mutex);
-        // The last line of a writer that ended without a newline.
         if (!partial.empty()) seen.lines.push_back({partial, vostrelka::time_us()});
         seen.ended = true;
         changed.notify_all();

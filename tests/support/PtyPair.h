@@ -1,17 +1,19 @@
 #pragma once
-// A pseudo-terminal standing in for a serial line. The code under test opens
-// the slave by its path, like a real adapter; the test plays the far end of
-// the line on the master, which is non-blocking.
+// Pseudo-terminals standing in for serial lines: the code under test opens
+// the slave by its path, like a real adapter, and the test plays the far end
+// on the non-blocking master.
 #include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <cstdint>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace test_support {
@@ -19,59 +21,45 @@ namespace test_support {
 class PtyPair {
 public:
     PtyPair() {
-        if (openpty(&master, &slave, nullptr, nullptr, nullptr) != 0) {
-            master = slave = -1;
-            return;
-        }
+        if (openpty(&master, &slave, nullptr, nullptr, nullptr) != 0) return;
         path = ttyname(slave);
-        fcntl(master, F_SETFL, fcntl(master, F_GETFL) | O_NONBLOCK);
+        fcntl(master, F_SETFL, O_RDWR | O_NONBLOCK);
     }
     ~PtyPair() {
-        if (slave >= 0) close(slave);
-        if (master >= 0) close(master);
+        close(slave);
+        close(master);
     }
-    PtyPair(const PtyPair&) = delete;
-    PtyPair& operator=(const PtyPair&) = delete;
 
-    bool ok() const { return master >= 0 && slave >= 0; }
+    bool ok() const { return master >= 0; }
     const std::string& slave_path() const { return path; }
     int master_fd() const { return master; }
-    // Kept open for the pair's whole life: on Linux, once every slave
-    // descriptor is closed, reads on the master fail with EIO, so the line
-    // would die whenever the code under test closes and reopens its port.
+    // Open for the pair's whole life: once every slave descriptor is closed,
+    // reads on the master fail with EIO, so the line would die whenever the
+    // code under test closes and reopens its port.
     int slave_fd() const { return slave; }
 
-    // Writes all of `data` to the master, waiting for room; false on error
-    // or when the line stays full for `timeout`.
+    // All of `data`, waiting for room; false on error or a line full for `timeout`.
     bool write_master(const std::vector<uint8_t>& data, std::chrono::milliseconds timeout = std::chrono::seconds(2)) {
         const auto deadline = std::chrono::steady_clock::now() + timeout;
         for (size_t done = 0; done < data.size();) {
             const ssize_t n = write(master, data.data() + done, data.size() - done);
-            if (n > 0) {
-                done += static_cast<size_t>(n);
-            } else if ((n < 0 && errno != EAGAIN && errno != EINTR) || !wait(POLLOUT, deadline)) {
-                return false;
-            }
+            if (n > 0) done += static_cast<size_t>(n);
+            if (n <= 0 && ((errno != EAGAIN && errno != EINTR) || !wait(POLLOUT, deadline))) return false;
         }
         return true;
     }
-    // Reads from the master until `count` bytes have arrived or `timeout`
-    // passes; returns what arrived.
+    // What arrives until `count` bytes are there or `timeout` passes.
     std::vector<uint8_t> read_master(size_t count, std::chrono::milliseconds timeout = std::chrono::seconds(2)) {
         const auto deadline = std::chrono::steady_clock::now() + timeout;
         std::vector<uint8_t> out;
+        uint8_t chunk[4096];
         while (out.size() < count) {
-            uint8_t chunk[4096];
             const ssize_t n = read(master, chunk, std::min(sizeof(chunk), count - out.size()));
-            if (n > 0) {
-                out.insert(out.end(), chunk, chunk + n);
-            } else if ((n < 0 && errno != EAGAIN && errno != EINTR) || !wait(POLLIN, deadline)) {
-                break;
-            }
+            if (n > 0) out.insert(out.end(), chunk, chunk + n);
+            if (n <= 0 && ((errno != EAGAIN && errno != EINTR) || !wait(POLLIN, deadline))) break;
         }
         return out;
     }
-    // Everything readable at the master now, without waiting.
     std::vector<uint8_t> read_master_available() { return read_master(SIZE_MAX, std::chrono::milliseconds(0)); }
 
 private:
@@ -79,12 +67,50 @@ private:
         const auto left =
             std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
         pollfd entry{master, events, 0};
-        return poll(&entry, 1, left.count() > 0 ? static_cast<int>(left.count()) : 0) > 0;
+        return poll(&entry, 1, std::max(0, static_cast<int>(left.count()))) > 0;
     }
 
     int master = -1;
     int slave = -1;
     std::string path;
+};
+
+// Two pairs wired back to back like a null-modem cable: what one program
+// writes to the first slave arrives at the second and the other way round,
+// copied by a thread of its own until destroyed.
+class PtyNullModem {
+public:
+    PtyNullModem() {
+        // Raw from the start: an echo would bounce between the two ends
+        // before the programs have set their lines raw.
+        for (const PtyPair* pty : {&a, &b}) {
+            termios settings{};
+            tcgetattr(pty->slave_fd(), &settings);
+            cfmakeraw(&settings);
+            tcsetattr(pty->slave_fd(), TCSANOW, &settings);
+        }
+        worker = std::thread([this] {
+            pollfd masters[2] = {{a.master_fd(), POLLIN, 0}, {b.master_fd(), POLLIN, 0}};
+            while (!stop) {
+                if (poll(masters, 2, 20) <= 0) continue;  // looks at `stop` at least every 20 ms
+                if (masters[0].revents & POLLIN) b.write_master(a.read_master_available());
+                if (masters[1].revents & POLLIN) a.write_master(b.read_master_available());
+            }
+        });
+    }
+    ~PtyNullModem() {
+        stop = true;
+        worker.join();
+    }
+
+    bool ok() const { return a.ok() && b.ok(); }
+    const std::string& path_a() const { return a.slave_path(); }
+    const std::string& path_b() const { return b.slave_path(); }
+
+private:
+    PtyPair a, b;
+    std::atomic<bool> stop{false};
+    std::thread worker;
 };
 
 }  // namespace test_support

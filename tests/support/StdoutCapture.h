@@ -1,10 +1,9 @@
 #pragma once
 // Catches what this process writes to standard output, for code that logs
 // from its own threads. Standard output goes to a pipe for the capture's
-// life, unbuffered, so a line is seen as soon as it is written; the
-// destructor passes everything on, test failures reported meanwhile included.
+// life, unbuffered, so a line is seen as soon as it is written; at the end
+// everything is passed on, test failures reported meanwhile included.
 #include <fcntl.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <memory>
@@ -24,27 +23,24 @@ public:
         saved_stdout = dup(STDOUT_FILENO);
         dup2(ends[1], STDOUT_FILENO);
         write_end = ends[1];
-        // Unbuffered rather than line-buffered: switching a stream that has
-        // already written to line buffering leaves a lone newline sitting in
-        // the buffer until the next flush.
+        // Not line-buffered: switching a stream that has written already
+        // leaves a lone newline in the buffer until the next flush.
         std::setvbuf(stdout, nullptr, _IONBF, 0);
         pipe = std::make_unique<LinePipe>(ends[0]);
     }
     ~StdoutCapture() {
-        std::fflush(stdout);
         dup2(saved_stdout, STDOUT_FILENO);
         close(saved_stdout);
         close(write_end);
-        if (!pipe) return;
-        pipe->wait_for([](const LinePipe::Seen& seen) { return seen.ended; }, std::chrono::seconds(5));
+        if (!ok() || !pipe->wait_for([](const LinePipe::Seen& seen) { return seen.ended; }, std::chrono::seconds(5)))
+            return;
         for (const auto& line : pipe->snapshot().lines) std::printf("%s\n", line.text.c_str());
     }
 
     bool ok() const { return pipe != nullptr; }
 
-    // Every line written so far: the mark written behind them is read after them.
+    // Every line written so far: a mark written after them is read after them.
     std::vector<Line> lines() {
-        std::fflush(stdout);
         const uint64_t ticket = ++marks_sent;
         if (write(write_end, &LinePipe::MARK, 1) == 1) {
             pipe->wait_for([&](const LinePipe::Seen& seen) { return seen.marks >= ticket; }, std::chrono::seconds(5));
@@ -52,7 +48,6 @@ public:
         return pipe->snapshot().lines;
     }
     bool wait_for(const std::function<bool(const std::vector<Line>&)>& done, std::chrono::milliseconds timeout) {
-        std::fflush(stdout);
         return pipe->wait_for([&](const LinePipe::Seen& seen) { return done(seen.lines); }, timeout);
     }
 

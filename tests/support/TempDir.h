@@ -1,6 +1,5 @@
 #pragma once
-// A fresh directory under /tmp for one test, removed with its contents at
-// the end of the test.
+// A fresh directory under /tmp, removed with its contents at the end.
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -10,24 +9,17 @@ namespace test_support {
 
 class TempDir {
 public:
-    TempDir() {
-        char pattern[] = "/tmp/gate-test-XXXXXX";
-        if (mkdtemp(pattern) == nullptr) std::abort();
-        dir = pattern;
-    }
+    TempDir() : dir(mkdtemp(std::string("/tmp/gate-test-XXXXXX").data())) {}
     ~TempDir() {
         std::error_code ignored;
         std::filesystem::remove_all(dir, ignored);
     }
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
 
     const std::string& path() const { return dir; }
     // Writes `content` to `name` inside the directory; returns the full path.
     std::string write_file(const std::string& name, const std::string& content) const {
-        const std::string file = dir + "/" + name;
-        std::ofstream(file, std::ios::binary | std::ios::trunc) << content;
-        return file;
+        std::ofstream(dir + "/" + name, std::ios::binary) << content;
+        return dir + "/" + name;
     }
 
 private:

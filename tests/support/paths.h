@@ -1,13 +1,18 @@
 #pragma once
+// Where this build tree put the programs, and the source tree's tests/
+// folder (fixtures, corpora); the build defines them.
 #include <string>
 
 namespace test_support {
 
-// The gate binary of this build tree.
-std::string gate_binary();
-// The gatecat binary of this build tree.
-std::string gatecat_binary();
-// The tests/ folder of the source tree (fixtures, corpora).
-std::string source_dir();
+inline std::string gate_binary() {
+    return GATE_BINARY_PATH;
+}
+inline std::string gatecat_binary() {
+    return GATECAT_BINARY_PATH;
+}
+inline std::string source_dir() {
+    return TEST_SOURCE_DIR;
+}
 
 }  // namespace test_support

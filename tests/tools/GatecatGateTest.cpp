@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "support/GateProcess.h"
-#include "support/PtyNullModem.h"
+#include "support/PtyPair.h"
 #include "support/TempDir.h"
 #include "support/UdpEndpoint.h"
 #include "support/paths.h"
