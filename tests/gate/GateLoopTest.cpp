@@ -1,5 +1,6 @@
 // Single passes of the gate's main loop: events, timers, select() failures,
-// peer ageing, name resolution and serial port supervision.
+// peer ageing and serial port supervision; and the RF modem handler that
+// each pass updates.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -17,6 +18,7 @@ using vostrelka::Gate;
 namespace {
 
 constexpr int64_t SECOND_US = 1000000;
+constexpr long T0_US = 7000000;
 
 // An entry that records what the loop tells it; with a descriptor, it
 // watches it for reading and, if asked, for writing or exceptions.
@@ -128,20 +130,6 @@ TEST_F(GateLoopTest, LinksLearnedOnLocalLinksAgeOutAfterTenSilentSeconds) {
     EXPECT_EQ(gate.manet_peers.count(0x0B000003), 1u);
 }
 
-TEST_F(GateLoopTest, FinishedNameResolutionGivesTheLinkItsAddress) {
-    bench.add_recording_iface(3, Gate::MANET);
-    auto resolver = std::make_unique<vostrelka::AddressResolver>(*vostrelka::HostPort::from("127.0.0.1:5000"), false);
-    log_lines_of([&] { gate.add_manet_peer(bench.iface(3), 0x0A000001, 0xFF, std::move(resolver), {}); });
-    const Gate::MANetPeer& link = gate.manet_peers.at(0x0A000001).front();
-    Lines lines;
-    for (int i = 0; i < 500 && !link.inet_addr; i++) {
-        for (auto& line : log_lines_of([&] { gate.run_once(10000); })) lines.push_back(line);
-    }
-    EXPECT_EQ(lines, Lines{"MANet peer on iface 3 retrieved addrinfo '127.0.0.1:5000': '127.0.0.1:5000'"});
-    EXPECT_EQ(gate.full_addr_s_manet(0x0A000001, link), "0x0A000001 / 0xFF / 127.0.0.1:5000 / 127.0.0.1:5000");
-    EXPECT_EQ(pass(), Lines{});
-}
-
 // The adapter is a pseudo-terminal behind a symlinked path, as udev names a
 // USB adapter: unplugging takes the permission bits off the old terminal's
 // node (what the gate sees through its open descriptor) and removes the
@@ -163,6 +151,27 @@ TEST_F(GateLoopTest, SerialPortIsClosedOnceWhenUnpluggedAndReopenedWhenPluggedBa
     ASSERT_EQ(symlink(second.slave_path().c_str(), path.c_str()), 0);
     EXPECT_EQ(pass(), Lines{"Serial port " + path + " connecting"});
     EXPECT_TRUE(port->is_open());
+}
+
+TEST(RFModemHandlerTest, SendsFirstThenOnlyAfterStrictlyMoreThanAPeriod) {
+    RecordingNetDevice device;
+    vostrelka::RFModemHandler handler(&device, 5, 1.0f, 3);
+    std::vector<long> sent_at;
+    for (long now = T0_US; now <= T0_US + 4000000; now += 500000) {
+        const size_t before = device.sent.size();
+        handler.update(now);
+        if (device.sent.size() != before) sent_at.push_back(now - T0_US);
+    }
+    EXPECT_EQ(sent_at, (std::vector<long>{0, 1500000, 3000000}));
+}
+
+TEST(RFModemHandlerTest, BaseConfigGoesFromTheDeviceToTheModemAtNine) {
+    RecordingNetDevice device(0x31);
+    vostrelka::RFModemHandler(&device, 2, 20.0f, 44).update(T0_US);
+    // id 1 | size 9 (LE) | addr (LE) | power (float LE) | channel
+    EXPECT_EQ(
+        device.sent,
+        (std::vector<RecordedFrame>{{14, 0x31, 9, {0x01, 0x09, 0, 0, 0, 0x02, 0, 0, 0, 0x00, 0x00, 0xA0, 0x41, 44}}}));
 }
 
 }  // namespace

@@ -201,17 +201,8 @@ TEST_F(GateRoutingTest, ANewAddressOrHostReplacesTheLinkOnThatInterfaceOnly) {
     const AddressResolver* kept = gate.manet_peers.at(0x0A000001)[1].resolver.get();
     EXPECT_EQ(link(3, 0x0A000001, 0xFF, resolver("localhost:5000")), Lines{});
     EXPECT_EQ(gate.manet_peers.at(0x0A000001)[1].resolver.get(), kept);
-    // Both a host name and an address: refused without a word.
-    EXPECT_EQ(link(3, 0x0A000001, 0x13, resolver("localhost:5001"), "10.0.0.3:5000"), Lines{});
     ASSERT_EQ(gate.manet_peers.at(0x0A000001).size(), 2u);
     EXPECT_EQ(gate.manet_peers.at(0x0A000001)[0].iface, &bench.iface(1));
-}
-
-TEST_F(GateRoutingTest, TwoMatchingLinksOnOneInterfaceAreAnErrorAndChangeNothing) {
-    link(1, 0x0A000001, 0x10);
-    gate.manet_peers.at(0x0A000001).push_back({&bench.iface(1), 0x11, nullptr, std::nullopt, 0});
-    EXPECT_EQ(link(1, 0x0A000001, 0x12), Lines{"ERROR: more than one manet link on iface 1"});
-    EXPECT_EQ(gate.manet_peers.at(0x0A000001).size(), 2u);
 }
 
 TEST_F(GateRoutingTest, PeerTextIsCutAt127Characters) {
