@@ -110,16 +110,19 @@ TEST_F(GateLoopTest, LinksLearnedOnLocalLinksAgeOutAfterTenSilentSeconds) {
     bench.add_recording_iface(3, Gate::MANET);
     const uint64_t now = static_cast<uint64_t>(vostrelka::time_us());
     const uint64_t stale = now - Gate::PEER_TIMEOUT_US - SECOND_US / 2;
-    // MANet address, interface, local address, last seen.
-    const std::tuple<uint32_t, uint32_t, uint8_t, uint64_t> links[] = {
+    const struct {
+        uint32_t manet_addr, iface;
+        uint8_t local_addr;
+        uint64_t last_seen;
+    } links[] = {
         {0x0B000001, 1, 0x07, stale},
         {0x0B000002, 1, 0x08, stale},
         {0x0B000002, 3, 0x09, stale},  // on the MANet interface: never ages
         {0x0B000003, 1, 0x0A, now - Gate::PEER_TIMEOUT_US + SECOND_US},
     };
-    for (const auto& [manet_addr, iface, local_addr, last_seen] : links) {
-        log_lines_of([&] { gate.add_manet_peer(bench.iface(iface), manet_addr, local_addr, nullptr, {}); });
-        gate.manet_peers.at(manet_addr).back().last_seen = last_seen;
+    for (const auto& l : links) {
+        log_lines_of([&] { gate.add_manet_peer(bench.iface(l.iface), l.manet_addr, l.local_addr, nullptr, {}); });
+        gate.manet_peers.at(l.manet_addr).back().last_seen = l.last_seen;
     }
     const std::string seen = std::to_string(stale);
     EXPECT_EQ(pass(), (Lines{"Remove MANet peer on iface 1, last seen " + seen + ": 0x0B000001 / 0x07",
