@@ -1,0 +1,179 @@
+// The gatecat binary: its command line, and frames arriving byte for byte
+// through the real gate over every kind of link, and replayed from a dump.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <iterator>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "support/GateProcess.h"
+#include "support/PtyPair.h"
+#include "support/TempDir.h"
+#include "support/UdpEndpoint.h"
+#include "support/paths.h"
+#include "vostrelka/version.h"
+
+using namespace test_support;
+
+namespace {
+
+constexpr int EXIT_RUNTIME_FAILURE = 1;
+constexpr int EXIT_USAGE = 2;
+
+std::string udpserial(uint16_t port, uint16_t to_port) {
+    return "udpserial://127.0.0.1:" + std::to_string(port) + ":127.0.0.1:" + std::to_string(to_port);
+}
+
+// Runs gatecat with the words of `command_line` as its arguments.
+ProcessResult gatecat(const std::string& command_line, const std::string& input = "") {
+    std::istringstream words(command_line);
+    return run_process_with_input(gatecat_binary(), {std::istream_iterator<std::string>(words), {}}, input);
+}
+
+struct Invocation {
+    int status;
+    std::string command_line;
+    std::string err;  // all of it for a usage error, the end of it otherwise
+    std::string input = "";
+};
+
+TEST(GatecatCommandLine, BadArgumentsFailWithOneLineAndRuntimeFailuresWithStatusOne) {
+    const std::string iface = "udp://127.0.0.1:" + std::to_string(free_udp_port()), to_discard = iface + ":127.0.0.1:9";
+    const Invocation runs[] = {
+        {EXIT_USAGE, "", "gatecat: missing command (dump or send); try 'gatecat --help'"},
+        {EXIT_USAGE, "--verbose", "gatecat: unknown option '--verbose'; try 'gatecat --help'"},
+        {EXIT_USAGE, "dump " + iface + " --count=0",
+         "gatecat: dump: --count takes a whole number from 1 to 4294967295, not '0'"},
+        {EXIT_USAGE, "dump tcp://127.0.0.1:5000",
+         "gatecat: dump: unsupported interface type 'tcp'; supported types: serial, can, udp, udpserial"},
+        {EXIT_USAGE, "send " + iface + " 07:01>02#AA",
+         "gatecat: send: sending on udp needs a destination: udp://HOST:PORT:DEST_HOST:DEST_PORT"},
+        {EXIT_USAGE, "send " + to_discard + " 07:01>02#ABC",
+         "gatecat: send: bad frame '07:01>02#ABC': payload byte 2 has one hex digit; a byte takes two"},
+        {EXIT_USAGE, "send " + to_discard, "gatecat: send: line 3: payload character 1 'Z' is not a hex digit",
+         "07:01>02#AA\n\n07:01>02#ZZ\n07:01>02#BB\n"},
+        // The device's own reasons come first, then gatecat's line.
+        {EXIT_RUNTIME_FAILURE, "dump udp://10.0.0.300:5000", "\ngatecat: dump: cannot open udp://10.0.0.300:5000"},
+        {EXIT_RUNTIME_FAILURE, "dump " + iface + " --count 2 --timeout 0.2",
+         "\ngatecat: 0 frames\ngatecat: dump: 0 of 2 frames before the timeout"},
+        {0, "dump " + iface + " --timeout 0.2", "\ngatecat: 0 frames"},
+    };
+    for (const Invocation& run : runs) {
+        const ProcessResult result = gatecat(run.command_line, run.input);
+        const std::string err = run.err + "\n";
+        EXPECT_EQ(result.exit_status, run.status) << run.command_line;
+        EXPECT_EQ(result.out, "") << run.command_line;
+        const size_t tail = result.err.size() - std::min(result.err.size(), err.size());
+        EXPECT_EQ(run.status == EXIT_USAGE ? result.err : result.err.substr(tail), err) << run.command_line;
+    }
+}
+
+TEST(GatecatCommandLine, HelpAndVersionPrintOnStandardOutputAndExitZero) {
+    const ProcessResult help = gatecat("--help");
+    EXPECT_EQ(help.exit_status, 0);
+    EXPECT_EQ(help.err, "");
+    EXPECT_NE(help.out.find("gatecat dump IFACE [--decode] [--count N] [--timeout S]"), std::string::npos);
+    EXPECT_EQ(gatecat("dump udp://127.0.0.1:1 -h").out, help.out);
+    const ProcessResult version = gatecat("--version");
+    EXPECT_EQ(version.exit_status, 0);
+    EXPECT_EQ(version.out, std::string(vostrelka::version::SOFTWARE) + "\n");
+}
+
+TEST(GatecatCommandLine, TerminatedDumpStillPrintsItsSummaryAndExitsZero) {
+    for (int sig : {SIGTERM, SIGINT}) {
+        GateProcess dump(gatecat_binary(), {"dump", "udpserial://127.0.0.1:" + std::to_string(free_udp_port())}, true);
+        ASSERT_TRUE(dump.wait_for_prefix("gatecat: listening on ")) << dump.log();
+        kill(dump.pid(), sig);
+        EXPECT_EQ(dump.wait_exit(), 0) << sig;
+        EXPECT_EQ(dump.lines().back(),
+                  "gatecat: 0 frames; codec errors: encode 0, rx overflow 0, crc 0, short 0, escape 0");
+    }
+}
+
+// The frame lines a `gatecat dump --decode` on `to` prints of the `count`
+// frames that `gatecat send` puts out on `from`.
+std::vector<std::string> relay(const std::string& from, const std::string& to, size_t count, const std::string& frames,
+                               const std::string& input = "") {
+    GateProcess dump(gatecat_binary(), {"dump", to, "--decode", "--count", std::to_string(count)}, true);
+    EXPECT_TRUE(dump.wait_for_prefix("gatecat: listening on ")) << dump.log();
+    const ProcessResult sent = gatecat("send " + from + " " + frames, input);
+    EXPECT_EQ(sent.exit_status, 0) << sent.err;
+    EXPECT_EQ(sent.err, "");
+    EXPECT_EQ(dump.wait_exit(), 0) << dump.log();
+    std::vector<std::string> lines;
+    for (const auto& line : dump.lines()) {
+        if (line.rfind('(', 0) == 0) lines.push_back(line);
+    }
+    return lines;
+}
+
+std::string unstamped(const std::string& line) {
+    return line.substr(line.find(") ") + 2);
+}
+
+// A gate with one link of each kind and a device on each: 0x10 on udp, 0x20
+// on udpserial, 0x30 at the far end of a null-modem line.
+TEST(GatecatThroughGate, FramesCrossTheGateBetweenEveryKindOfLink) {
+    TempDir dir;
+    PtyNullModem line;
+    ASSERT_TRUE(line.ok());
+    const uint16_t gate_udp = free_udp_port(), gate_udpserial = free_udp_port();
+    const uint16_t udp_device = free_udp_port(), udpserial_device = free_udp_port();
+    // clang-format off
+    const std::string config = R"({"ifaces": [
+        {"iface": "udp://127.0.0.1:)" + std::to_string(gate_udp) + R"(", "id": 1},
+        {"iface": "udpserial://127.0.0.1:)" + std::to_string(gate_udpserial) + R"(", "id": 2},
+        {"iface": "serial://)" + line.path_a() + R"(:115200", "id": 3}],
+      "local_peers": [
+        {"netdev_addr": "0x10", "iface_id": 1, "inet_addr": "127.0.0.1:)" + std::to_string(udp_device) + R"("},
+        {"netdev_addr": "0x20", "iface_id": 2, "inet_addr": "127.0.0.1:)" + std::to_string(udpserial_device) + R"("},
+        {"netdev_addr": "0x30", "iface_id": 3}]})";
+    // clang-format on
+    GateProcess gate({"--config", dir.write_file("gate.json", config), "--debug", "2"});
+    // The peers are added once every interface is open.
+    ASSERT_TRUE(gate.wait_for_line("add local peer on iface 3: 0x30")) << gate.log();
+
+    // gatecat's own end of each link: listening where the gate sends, sending to the gate.
+    const std::string udp_end =
+        "udp://127.0.0.1:" + std::to_string(udp_device) + ":127.0.0.1:" + std::to_string(gate_udp);
+    const std::string udpserial_end = udpserial(udpserial_device, gate_udpserial);
+    const std::string serial_end = "serial://" + line.path_b() + ":115200";
+    // 42 and 55 are bytes the serial framing escapes; serial lines and
+    // udpserial carry empty payloads, "udp" datagrams cannot.
+    const struct {
+        std::string from, to, frame, line;
+    } hops[] = {
+        {udp_end, udpserial_end, "07:10>20#DEADBEEF", "07:10>20#DEADBEEF  proto_id 7  0x10 -> 0x20  len 4"},
+        {udpserial_end, serial_end, "09:20>30#4255AA", "09:20>30#4255AA  proto_id 9  0x20 -> 0x30  len 3"},
+        {serial_end, udp_end, "0E:30-10#0109000000050000000000803F03",
+         "0E:30>10#0109000000050000000000803F03  proto_id 14  0x30 -> 0x10  len 14  "
+         "base_config{addr=5 power=1 channel=3}"},
+        {serial_end, udpserial_end, "05:30>20#", "05:30>20#  proto_id 5  0x30 -> 0x20  len 0"},
+    };
+    for (const auto& hop : hops) {
+        const auto lines = relay(hop.from, hop.to, 1, hop.frame);
+        ASSERT_EQ(lines.size(), 1u) << hop.from << " -> " << hop.to << "\n" << gate.log();
+        EXPECT_EQ(unstamped(lines[0]), hop.line);
+    }
+}
+
+// Two gatecats back to back over udpserial: a dump's output sent again
+// arrives unchanged.
+TEST(GatecatReplay, DumpOutputReplaysThroughSendUnchanged) {
+    const uint16_t a = free_udp_port(), b = free_udp_port(), c = free_udp_port();
+    // Up to the largest payload a "udpserial" device receives.
+    const std::string frames =
+        "07:01>02#DEADBEEF 0A:FF>00# 08:10>FF#4242555500FF FF:00>FF#" + std::string(2 * 2040, 'A');
+    std::string recorded, replayed;
+    for (const auto& line : relay(udpserial(a, b), "udpserial://127.0.0.1:" + std::to_string(b), 4, frames)) {
+        recorded += line + "\n";
+    }
+    for (const auto& line : relay(udpserial(a, c), "udpserial://127.0.0.1:" + std::to_string(c), 4, "", recorded)) {
+        replayed += (replayed.empty() ? "" : " ") + unstamped(line).substr(0, unstamped(line).find(' '));
+    }
+    EXPECT_EQ(replayed, frames);
+}
+
+}  // namespace
