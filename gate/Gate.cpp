@@ -33,6 +33,16 @@ uint8_t parse_local_address(const std::string& text) {
     return static_cast<uint8_t>(net_device::parse_device_address(text));
 }
 
+// The interface a peer entry names; an unknown id ends the program.
+Gate::Interface& interface_of_peer(std::map<uint32_t, Gate::Interface>& ifaces, unsigned int iface_id) {
+    auto found = ifaces.find(iface_id);
+    if (found == ifaces.end()) {
+        debug("ERROR: iface with id %u not found", iface_id);
+        exit(1);
+    }
+    return found->second;
+}
+
 }  // namespace
 
 Gate::Gate() : Application("gate", "Net device gateway", true) {
@@ -138,13 +148,7 @@ bool Gate::parse_ifaces(json& entries) {
 bool Gate::parse_local_peers(json& peers) {
     for (const json& entry : peers) {
         const uint8_t addr = parse_local_address(parse_json_value<std::string>(entry, "netdev_addr"));
-        const auto iface_id = parse_json_value<unsigned int>(entry, "iface_id");
-        auto found = ifaces.find(iface_id);
-        if (found == ifaces.end()) {
-            debug("ERROR: iface with id %u not found", iface_id);
-            exit(1);
-        }
-        Interface& iface = found->second;
+        Interface& iface = interface_of_peer(ifaces, parse_json_value<unsigned int>(entry, "iface_id"));
 
         std::optional<InetAddress> inet_addr;
         if (iface.udp_device() != nullptr) {
@@ -167,13 +171,7 @@ bool Gate::parse_manet_peers(json& peers) {
     for (const json& entry : peers) {
         const uint32_t manet_addr = parse_manet_address(parse_json_value<std::string>(entry, "manet_addr"));
         const uint8_t addr = parse_local_address(parse_json_value<std::string>(entry, "netdev_addr"));
-        const auto iface_id = parse_json_value<unsigned int>(entry, "iface_id");
-        auto found = ifaces.find(iface_id);
-        if (found == ifaces.end()) {
-            debug("ERROR: iface with id %u not found", iface_id);
-            exit(1);
-        }
-        Interface& iface = found->second;
+        Interface& iface = interface_of_peer(ifaces, parse_json_value<unsigned int>(entry, "iface_id"));
 
         // Given by name: resolved in the background, filled in by the loop.
         std::unique_ptr<AddressResolver> resolver;
