@@ -195,16 +195,7 @@ bool run_paced(Sender& sender, const Options& options, int64_t start_ns) {
 
 int main(int argc, char** argv) {
     Options options;
-    bool parsed = false;
-    try {
-        parsed = parse_options(argc, argv, options);
-    } catch (const std::exception&) {
-        parsed = false;
-    }
-    if (!parsed) {
-        std::fputs(USAGE, stderr);
-        return 2;
-    }
+    if (!probe::parse_command_line(argc, argv, options, parse_options, USAGE)) return 2;
     // The default 50 us of timer slack would bunch paced frames together.
     prctl(PR_SET_TIMERSLACK, 1UL, 0, 0, 0);
 

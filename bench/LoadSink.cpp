@@ -180,16 +180,7 @@ int open_socket(const Options& options) {
 
 int main(int argc, char** argv) {
     Options options;
-    bool parsed = false;
-    try {
-        parsed = parse_options(argc, argv, options);
-    } catch (const std::exception&) {
-        parsed = false;
-    }
-    if (!parsed) {
-        std::fputs(USAGE, stderr);
-        return 2;
-    }
+    if (!probe::parse_command_line(argc, argv, options, parse_options, USAGE)) return 2;
     const int fd = open_socket(options);
     if (fd < 0) {
         std::perror("fwd-sink: socket");

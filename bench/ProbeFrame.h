@@ -15,6 +15,8 @@
 #include <time.h>
 
 #include <cstdint>
+#include <cstdio>
+#include <exception>
 #include <cstdlib>
 #include <cstring>
 #include <optional>
@@ -35,6 +37,20 @@ inline std::optional<Format> parse_format(const std::string& text) {
     if (text == "udp") return Format::UDP;
     if (text == "udpserial") return Format::UDPSERIAL;
     return std::nullopt;
+}
+
+// Runs `parse` over the command line: false, with the usage text on stderr,
+// when it refuses the arguments or a number in them does not convert.
+template <typename Options, typename Parse>
+bool parse_command_line(int argc, char** argv, Options& options, Parse parse, const char* usage) {
+    bool parsed = false;
+    try {
+        parsed = parse(argc, argv, options);
+    } catch (const std::exception&) {
+        parsed = false;
+    }
+    if (!parsed) std::fputs(usage, stderr);
+    return parsed;
 }
 
 inline int64_t now_ns() {
