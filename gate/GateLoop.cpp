@@ -44,19 +44,14 @@ void Gate::loop() {
 }
 
 void Gate::run_once(int64_t max_wait_us) {
-    fd_set read_set;
-    fd_set write_set;
-    fd_set except_set;
-    FD_ZERO(&read_set);
-    FD_ZERO(&write_set);
-    FD_ZERO(&except_set);
+    event_system::FdSets sets;
 
     // The timer that counts is the LAST entry's that has one, not the
     // earliest. Deliberate; devices are written around it.
     event_system::EventLoopEntry* timer_entry = nullptr;
     int64_t deadline = 0;
     for (event_system::EventLoopEntry* entry : event_loop_entries) {
-        entry->register_fd(&read_set, &write_set, &except_set);
+        sets.add(*entry);
         if (entry->timer_deadline != 0) {
             timer_entry = entry;
             deadline = entry->timer_deadline;
@@ -76,13 +71,10 @@ void Gate::run_once(int64_t max_wait_us) {
     // The exception set is deliberately not given to select(): an entry that
     // put its descriptor there is told "exception" in every pass in which
     // anything was ready.
-    const int ready = select(SELECT_FD_LIMIT, &read_set, &write_set, nullptr, &wait);
+    const int ready = select(SELECT_FD_LIMIT, &sets.read_set, &sets.write_set, nullptr, &wait);
     if (ready > 0) {
         for (event_system::EventLoopEntry* entry : event_loop_entries) {
-            uint8_t events = 0;
-            if (entry->is_fd_set(&write_set)) events |= event_system::EVENT_WRITABLE;
-            if (entry->is_fd_set(&read_set)) events |= event_system::EVENT_READABLE;
-            if (entry->is_fd_set(&except_set)) events |= event_system::EVENT_EXCEPTION;
+            const uint8_t events = sets.events_of(*entry);
             if (events != 0) entry->on_event(events);
         }
     } else if (ready < 0) {

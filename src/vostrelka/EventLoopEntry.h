@@ -30,5 +30,27 @@ public:
     int64_t timer_deadline = 0;
 };
 
+// The three descriptor sets of one select() pass, cleared at construction.
+struct FdSets {
+    fd_set read_set;
+    fd_set write_set;
+    fd_set except_set;
+
+    FdSets() {
+        FD_ZERO(&read_set);
+        FD_ZERO(&write_set);
+        FD_ZERO(&except_set);
+    }
+    void add(EventLoopEntry& entry) { entry.register_fd(&read_set, &write_set, &except_set); }
+    // The entry's readiness bits after select(): write, then read, then exception.
+    uint8_t events_of(EventLoopEntry& entry) {
+        uint8_t events = 0;
+        if (entry.is_fd_set(&write_set)) events |= EVENT_WRITABLE;
+        if (entry.is_fd_set(&read_set)) events |= EVENT_READABLE;
+        if (entry.is_fd_set(&except_set)) events |= EVENT_EXCEPTION;
+        return events;
+    }
+};
+
 }  // namespace event_system
 }  // namespace vostrelka

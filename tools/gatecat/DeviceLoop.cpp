@@ -17,13 +17,8 @@ constexpr int64_t NS_PER_US = 1000;
 }  // namespace
 
 bool DeviceLoop::run_once(int64_t max_wait_us) {
-    fd_set read_set;
-    fd_set write_set;
-    fd_set except_set;
-    FD_ZERO(&read_set);
-    FD_ZERO(&write_set);
-    FD_ZERO(&except_set);
-    entry.register_fd(&read_set, &write_set, &except_set);
+    event_system::FdSets sets;
+    sets.add(entry);
 
     const bool has_timer = entry.overrides_on_timer() && entry.timer_deadline != 0;
     int64_t wait_us = max_wait_us < 0 ? 0 : max_wait_us;
@@ -35,14 +30,11 @@ bool DeviceLoop::run_once(int64_t max_wait_us) {
     wait.tv_sec = wait_us / US_PER_S;
     wait.tv_nsec = (wait_us % US_PER_S) * NS_PER_US;
 
-    const int ready = pselect(FD_SETSIZE, &read_set, &write_set, &except_set, &wait, wait_mask);
+    const int ready = pselect(FD_SETSIZE, &sets.read_set, &sets.write_set, &sets.except_set, &wait, wait_mask);
     if (ready < 0) return errno == EINTR;
 
     if (ready > 0) {
-        uint8_t events = 0;
-        if (entry.is_fd_set(&write_set)) events |= event_system::EVENT_WRITABLE;
-        if (entry.is_fd_set(&read_set)) events |= event_system::EVENT_READABLE;
-        if (entry.is_fd_set(&except_set)) events |= event_system::EVENT_EXCEPTION;
+        const uint8_t events = sets.events_of(entry);
         if (events != 0) entry.on_event(events);
     }
     if (has_timer && entry.timer_deadline != 0 && time_us() >= entry.timer_deadline) {
@@ -52,14 +44,9 @@ bool DeviceLoop::run_once(int64_t max_wait_us) {
 }
 
 bool DeviceLoop::wants_to_write() {
-    fd_set read_set;
-    fd_set write_set;
-    fd_set except_set;
-    FD_ZERO(&read_set);
-    FD_ZERO(&write_set);
-    FD_ZERO(&except_set);
-    entry.register_fd(&read_set, &write_set, &except_set);
-    return entry.is_fd_set(&write_set);
+    event_system::FdSets sets;
+    sets.add(entry);
+    return entry.is_fd_set(&sets.write_set);
 }
 
 }  // namespace gatecat
