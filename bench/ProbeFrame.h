@@ -16,9 +16,9 @@
 
 #include <cstdint>
 #include <cstdio>
-#include <exception>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <optional>
 #include <string>
 
