@@ -39,8 +39,10 @@ void Gate::on_frame(net_device::NetDevice& device, const net_device::Frame& fram
     }
     Interface& iface = found->second;
 
-    std::optional<InetAddress> from_inet;
-    if (net_device::NetDeviceUDP* udp = iface.udp_device()) from_inet = udp->get_sender_inet_addr();
+    // Borrowed from the device, not copied: nothing in this call reads
+    // another datagram, so it stays the same until the call returns.
+    net_device::NetDeviceUDP* udp = iface.udp_device();
+    const std::optional<InetAddress>& from_inet = udp != nullptr ? udp->sender_inet_addr() : NO_INET_ADDR;
 
     // A proto_id 10 payload too short for its header carries no addresses:
     // it is never read, logged or forwarded. Its sender is still learned on a

@@ -74,6 +74,22 @@ TEST(NetDeviceUDP, SendsHeaderThenPayloadUpToTheBufferSizeAndRefusesTheRestSilen
     EXPECT_FALSE(link.peer.receive(100).has_value());
 }
 
+// Pointed at the address it already has, the device still sends there;
+// pointed elsewhere, even at the same endpoint by other text, it follows.
+TEST(NetDeviceUDP, SendsWhereTheLastDestinationPointsIt) {
+    Link<NetDeviceUDP> link;
+    UdpEndpoint other;
+    const std::string short_form = "127.1:" + std::to_string(link.peer.port());
+    uint8_t marker = 0;
+    for (const std::string& destination :
+         {link.peer.address(), link.peer.address(), other.address(), short_form, link.peer.address()}) {
+        link.device.set_destination_address(inet(destination));
+        ASSERT_EQ(link.device.send_raw(make_frame(7, 1, 2, {++marker})), 0);
+    }
+    for (uint8_t expected : {1, 2, 4, 5}) EXPECT_EQ(link.peer.receive(), (Bytes{7, 1, 2, expected}));
+    EXPECT_EQ(other.receive(), (Bytes{7, 1, 2, 3}));
+}
+
 // A datagram of the header alone cannot be received, though one is sent.
 TEST(NetDeviceUDP, DeliversDatagramsWithAPayloadForItsAddressAndRemembersTheSender) {
     Link<NetDeviceUDP> link;

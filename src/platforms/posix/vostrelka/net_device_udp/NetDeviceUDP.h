@@ -14,6 +14,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 
 #include "vostrelka/InetAddress.h"
 #include "vostrelka/Slice.h"
@@ -34,8 +35,11 @@ public:
 
     // Opens a non-blocking socket bound to `bind_address`; false after a log line.
     bool create_socket(const InetAddress& bind_address);
-    void set_destination_address(const InetAddress& address) { destination_address = address; }
-    InetAddress& get_sender_inet_addr() { return sender_address; }
+    void set_destination_address(const InetAddress& address);
+    InetAddress& get_sender_inet_addr() { return *sender_address; }
+    // The same address as the router takes it, an optional that is always
+    // present: lending it spares the router a copy of it for every frame.
+    const std::optional<InetAddress>& sender_inet_addr() const { return sender_address; }
     int get_socket() const { return socket_fd; }
 
     bool is_fd_set(fd_set* set) override;
@@ -53,7 +57,7 @@ protected:
     Slice<unsigned char> tx_buffer;
     Slice<unsigned char> rx_buffer;
     InetAddress destination_address;
-    InetAddress sender_address;
+    std::optional<InetAddress> sender_address{std::in_place};
 };
 
 }  // namespace net_device

@@ -43,7 +43,7 @@ void NetDeviceUDPSerial::do_read() {
     // text keep whatever they held before.
     socklen_t sender_size = sizeof(sockaddr_in);
     const ssize_t received =
-        ::recvfrom(socket_fd, rx_buffer.data, rx_buffer.capacity, 0, sender_address.sockaddr(), &sender_size);
+        ::recvfrom(socket_fd, rx_buffer.data, rx_buffer.capacity, 0, sender_address->sockaddr(), &sender_size);
     if (received >= 1) {
         if (static_cast<uint64_t>(received) <= rx_buffer.capacity) rx_buffer.size = static_cast<uint64_t>(received);
         encoder.decode(ConstSlice<unsigned char>(rx_buffer), error_stats);
