@@ -59,7 +59,8 @@ public:
         // routing does not pay a dynamic_cast per frame.
         net_device::NetDeviceUDP* udp = nullptr;
         bool udp_checked = false;
-        net_device::NetDeviceUDP* udp_device();
+        net_device::NetDeviceUDP* udp_device() { return udp_checked ? udp : check_udp_device(); }
+        net_device::NetDeviceUDP* check_udp_device();
     };
 
     struct LocalPeer {
@@ -94,6 +95,7 @@ public:
     [[noreturn]] void loop();
     void run_once(int64_t max_wait_us = MAX_SELECT_WAIT_US);
     void check_serial_port();
+    void check_serial_port(net_device::NetDeviceFactory::SerialPortDeviceInfo& record);
 
     // Routing.
     void on_frame(net_device::NetDevice& device, const net_device::Frame& frame) override;

@@ -15,11 +15,9 @@ namespace {
 constexpr size_t ADDR_TEXT_SIZE = 128;
 }  // namespace
 
-net_device::NetDeviceUDP* Gate::Interface::udp_device() {
-    if (!udp_checked) {
-        udp = dynamic_cast<net_device::NetDeviceUDP*>(net_device.get());
-        udp_checked = true;
-    }
+net_device::NetDeviceUDP* Gate::Interface::check_udp_device() {
+    udp = dynamic_cast<net_device::NetDeviceUDP*>(net_device.get());
+    udp_checked = true;
     return udp;
 }
 
