@@ -39,11 +39,13 @@ const uint32_t crc32_table[256] = {
 namespace {
 
 constexpr uint32_t POLYNOMIAL = 0x04C11DB7;
-constexpr int SLICE_BYTES = 4;
+constexpr int SLICE_BYTES = 8;
 
-// Four bytes at a time: slice[0] is crc32_table; slice[k][i] is what the
+// Eight bytes at a time: slice[0] is crc32_table; slice[k][i] is what the
 // table's entry i becomes after k more bytes of zeros. The same CRC as one
-// byte at a time, for about half the work on every frame.
+// byte at a time, still one lookup per byte, but the eight lookups of a step
+// do not wait for each other: about a third of the work on every frame.
+// 8 KiB of tables.
 struct SliceTables {
     uint32_t slice[SLICE_BYTES][256] = {};
 };
@@ -72,9 +74,11 @@ uint32_t xcrc32(const unsigned char* data, unsigned long len, unsigned int init)
     uint32_t crc = init;
     const auto& t = SLICES.slice;
     for (; len >= SLICE_BYTES; len -= SLICE_BYTES, data += SLICE_BYTES) {
+        // The first four bytes fold into the CRC, the last four only shift in.
         crc ^= static_cast<uint32_t>(data[0]) << 24 | static_cast<uint32_t>(data[1]) << 16 |
                static_cast<uint32_t>(data[2]) << 8 | data[3];
-        crc = t[3][crc >> 24] ^ t[2][(crc >> 16) & 0xFF] ^ t[1][(crc >> 8) & 0xFF] ^ t[0][crc & 0xFF];
+        crc = t[7][crc >> 24] ^ t[6][(crc >> 16) & 0xFF] ^ t[5][(crc >> 8) & 0xFF] ^ t[4][crc & 0xFF] ^ t[3][data[4]] ^
+              t[2][data[5]] ^ t[1][data[6]] ^ t[0][data[7]];
     }
     for (unsigned long i = 0; i < len; ++i) crc = (crc << 8) ^ crc32_table[(crc >> 24) ^ data[i]];
     return crc;
