@@ -74,8 +74,8 @@ TEST(NetDeviceUDP, SendsHeaderThenPayloadUpToTheBufferSizeAndRefusesTheRestSilen
     EXPECT_FALSE(link.peer.receive(100).has_value());
 }
 
-// Pointed at the address it already has, the device still sends there;
-// pointed elsewhere, even at the same endpoint by other text, it follows.
+// Pointed again at the address it has, or at the same endpoint by other
+// text, the device still sends there; pointed elsewhere, it follows.
 TEST(NetDeviceUDP, SendsWhereTheLastDestinationPointsIt) {
     Link<NetDeviceUDP> link;
     UdpEndpoint other;
@@ -88,6 +88,22 @@ TEST(NetDeviceUDP, SendsWhereTheLastDestinationPointsIt) {
     }
     for (uint8_t expected : {1, 2, 4, 5}) EXPECT_EQ(link.peer.receive(), (Bytes{7, 1, 2, expected}));
     EXPECT_EQ(other.receive(), (Bytes{7, 1, 2, 3}));
+}
+
+// The loop asks for the three readiness bits in one call: write, read and
+// exception, as is_fd_set() answers for each set; nothing while closed.
+TEST(NetDeviceUDP, ReadyEventsAreWhatIsFdSetSaysOfEachSet) {
+    Link<NetDeviceUDP> link;
+    NetDeviceUDP closed(2048, 2);
+    for (int bits = 0; bits < 8; ++bits) {
+        fd_set sets[3];  // write, read, exception: the order of the bits
+        for (int i = 0; i < 3; ++i) {
+            FD_ZERO(&sets[i]);
+            if (bits >> i & 1) FD_SET(link.device.get_socket(), &sets[i]);
+        }
+        EXPECT_EQ(link.device.ready_events(&sets[1], &sets[0], &sets[2]), bits);
+        EXPECT_EQ(closed.ready_events(&sets[1], &sets[0], &sets[2]), 0);
+    }
 }
 
 // A datagram of the header alone cannot be received, though one is sent.

@@ -64,17 +64,20 @@ bool NetDeviceUDP::create_socket(const InetAddress& bind_address) {
 }
 
 // Routing points the device at a peer before every send, nearly always the
-// peer of the last send: then the address is already there and copying its
-// two strings again would cost more than the comparison.
+// peer of the last send: then there is nothing to copy, and comparing the
+// texts too would cost as much as copying them.
 void NetDeviceUDP::set_destination_address(const InetAddress& address) {
-    const bool same = std::memcmp(&destination_address.addr, &address.addr, sizeof(address.addr)) == 0 &&
-                      destination_address.port == address.port && destination_address.host == address.host &&
-                      destination_address.port_str == address.port_str;
-    if (!same) destination_address = address;
+    if (std::memcmp(&destination_address.addr, &address.addr, sizeof(address.addr)) != 0) {
+        destination_address = address;
+    }
 }
 
 bool NetDeviceUDP::is_fd_set(fd_set* set) {
     return socket_fd >= 0 && FD_ISSET(socket_fd, set);
+}
+
+uint8_t NetDeviceUDP::ready_events(fd_set* read_set, fd_set* write_set, fd_set* except_set) {
+    return event_system::fd_ready_events(socket_fd, read_set, write_set, except_set);
 }
 
 void NetDeviceUDP::register_fd(fd_set* read_set, fd_set* /*write_set*/, fd_set* /*except_set*/) {
@@ -107,7 +110,7 @@ void NetDeviceUDP::do_read() {
     socklen_t sender_size = sizeof(sender);
     const ssize_t received = ::recvfrom(socket_fd, rx_buffer.data, rx_buffer.capacity, 0,
                                         reinterpret_cast<::sockaddr*>(&sender), &sender_size);
-    const int error = errno;
+    const int error = received < 0 ? errno : 0;
 
     // Taken even from a failed read, whose sender is all zero and so gets
     // logged. The text depends on nothing but the 16 address bytes, so the

@@ -35,6 +35,9 @@ public:
 
     // Opens a non-blocking socket bound to `bind_address`; false after a log line.
     bool create_socket(const InetAddress& bind_address);
+    // Sending uses the socket address alone. Pointed again at the socket
+    // address it has, the device keeps the text it has too ('127.1:80'
+    // after '127.0.0.1:80' still reads '127.0.0.1:80').
     void set_destination_address(const InetAddress& address);
     InetAddress& get_sender_inet_addr() { return *sender_address; }
     // The same address as the router takes it, an optional that is always
@@ -44,6 +47,7 @@ public:
 
     bool is_fd_set(fd_set* set) override;
     void register_fd(fd_set* read_set, fd_set* write_set, fd_set* except_set) override;
+    uint8_t ready_events(fd_set* read_set, fd_set* write_set, fd_set* except_set) override;
     // Reads one datagram when readable. Sending never waits for the socket.
     void on_event(uint8_t events) override;
     int send_raw(const Frame& frame) override;
