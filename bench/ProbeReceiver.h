@@ -56,10 +56,9 @@ public:
         slice_received = 0;
     }
 
-    // One line of key=value; `offered` 0 judges loss by the highest sequence seen.
+    // One line of key=value; loss is what was offered and never arrived.
     void print(uint64_t offered) {
         end_slice();
-        if (offered == 0) offered = unique == 0 ? 0 : highest + 1;
         const double rate =
             busy_ns > 0 ? static_cast<double>(busy_frames) * NS_PER_S / static_cast<double>(busy_ns) : 0;
         std::sort(latencies_ns.begin(), latencies_ns.end());
