@@ -20,12 +20,6 @@ TEST(RingBuffer, PushIntoFullBufferOverwritesOldestAndOrderSurvivesTheWrap) {
     EXPECT_EQ(rest, (std::vector<int>{3, 4, 5, 6}));
 }
 
-TEST(RingBufferDeathTest, PopFromEmptyAborts) {
-    int storage[2];
-    RingBuffer<int> ring(storage, 2);
-    EXPECT_DEATH(ring.pop(), "_size > 0");
-}
-
 TEST(ArrayList, RemoveShiftsLaterElementsForwardAndIgnoresIndexPastTheEnd) {
     ArrayListAlloc<int, 4> list;
     for (int i : {0, 10, 20, 30}) list.push_back(i);

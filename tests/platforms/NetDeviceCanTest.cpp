@@ -28,7 +28,7 @@ TEST(NetDeviceCan, PrintsOneLinePerErrorClassThenTheCatchAll) {
               "ERROR: CAN bus error\n");
 }
 
-TEST(NetDeviceCanDeathTest, OpenReportsTheErrnoOfAFailedSocketAndStaysClosed) {
+TEST(NetDeviceCan, OpenReportsTheErrnoOfAFailedSocketAndStaysClosed) {
     errno = 0;
     ASSERT_EQ(NetDeviceCan::create_can_socket("nosuchcan9"), -1);
     const std::string line =
@@ -39,5 +39,4 @@ TEST(NetDeviceCanDeathTest, OpenReportsTheErrnoOfAFailedSocketAndStaysClosed) {
     EXPECT_EQ(testing::internal::GetCapturedStdout(), line);
     CanAcceptanceFilter filter = make_acceptance_filter(0x20, 0xFF);
     EXPECT_EQ(device.apply_filters(vostrelka::Slice<CanAcceptanceFilter>(&filter, 1, 1)), -1);
-    EXPECT_DEATH(device.do_read(), "fd >= 0");
 }

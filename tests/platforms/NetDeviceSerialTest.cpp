@@ -27,12 +27,10 @@ const Bytes TRICKY_LINE = to_serial_bytes({7, 1, 0x10, TRICKY_PAYLOAD});
 
 // "r" when the device asks the main loop to watch `fd` for reading, "w" for writing.
 std::string watched(NetDevice& device, int fd) {
-    fd_set r, w, e;
-    FD_ZERO(&r);
-    FD_ZERO(&w);
-    FD_ZERO(&e);
-    device.register_fd(&r, &w, &e);
-    return std::string(FD_ISSET(fd, &r) ? "r" : "") + (FD_ISSET(fd, &w) ? "w" : "");
+    fd_set sets[3];  // read, write, exception
+    for (fd_set& set : sets) FD_ZERO(&set);
+    device.register_fd(&sets[0], &sets[1], &sets[2]);
+    return std::string(FD_ISSET(fd, &sets[0]) ? "r" : "") + (FD_ISSET(fd, &sets[1]) ? "w" : "");
 }
 
 // A pseudo-terminal as the line, the port on its slave side.
@@ -84,8 +82,8 @@ TEST_F(SerialTest, PortRefusesAnUnlistedRateAndReportsWhyItDidNotOpen) {
               "SerialPort: ERROR: opening port \"/nonexistent/ttyX\": No such file or directory\n"
               "SerialPort: ERROR: tcgetattr: Inappropriate ioctl for device\n"
               "SerialPort: ERROR: setting default port configuration: Inappropriate ioctl for device\n");
-    const termios after = line();
-    EXPECT_EQ(std::memcmp(&before, &after, sizeof(termios)), 0) << "an unlisted rate leaves the line alone";
+    const termios after = line();  // an unlisted rate leaves the line alone
+    EXPECT_EQ(std::memcmp(&before, &after, sizeof(termios)), 0);
     uint8_t byte = 0;
     EXPECT_EQ(port.read(&byte, 1), -1);
     EXPECT_EQ(port.write(&byte, 1), -1);
