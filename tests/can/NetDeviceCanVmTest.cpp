@@ -27,12 +27,8 @@ struct Device : NetDeviceCanAlloc<16, 2048, 512> {
         EXPECT_EQ(open(), 0) << "run inside scripts/can-vm";
         set_handler(&recorder);
     }
-    // Frames wait in the queue while it asks to be told when it can write.
-    bool queued() {
-        fd_set r, w, e;
-        FD_ZERO(&r);
-        FD_ZERO(&w);
-        FD_ZERO(&e);
+    bool queued() {  // frames wait in the queue while it asks to be told when it can write
+        fd_set r{}, w{}, e{};
         register_fd(&r, &w, &e);
         return FD_ISSET(get_fd(), &w);
     }
@@ -50,10 +46,9 @@ bool pump_until(const std::vector<Device*>& devices, const std::function<bool()>
 }
 
 int cansend(std::initializer_list<const char*> frames) {
-    for (const char* frame : frames) {
-        if (std::system((std::string("cansend vcan0 ") + frame).c_str()) != 0) return -1;
-    }
-    return 0;
+    std::string script = "true";
+    for (const char* frame : frames) script += std::string(" && cansend vcan0 ") + frame;
+    return std::system(script.c_str());
 }
 
 }  // namespace

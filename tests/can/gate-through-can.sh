@@ -3,16 +3,10 @@
 # "udp" interface on loopback, with candump/cansend on the bus side and
 # gatecat on the UDP side. Prints one "ok"/"FAIL" line per check and ends
 # with "N passed, N failed".
-passed=0
-failed=0
+passed=0 failed=0
 check() {  # name, expected, actual
-    if [ "$2" = "$3" ]; then
-        echo "ok   $1"
-        passed=$((passed + 1))
-    else
-        echo "FAIL $1: expected '$2', got '$3'"
-        failed=$((failed + 1))
-    fi
+    if [ "$2" = "$3" ]; then echo "ok   $1"; passed=$((passed + 1))
+    else echo "FAIL $1: expected '$2', got '$3'"; failed=$((failed + 1)); fi
 }
 
 cat >gate-can.json <<'JSON'
@@ -40,15 +34,13 @@ sleep 0.3
 ./gatecat send udp://127.0.0.1:7101:127.0.0.1:7001 \
     '05:20-10#0102030405060708090A0B0C0D0E0F1011121314' 2>/dev/null
 sleep 1
-kill $candump_pid 2>/dev/null
-wait $candump_pid 2>/dev/null
+kill $candump_pid 2>/dev/null; wait $candump_pid 2>/dev/null
 check "the reply crosses onto the bus as four frames with the gateway's identifiers" \
     "10002041 10102041 10202041 10302041" "$(awk '{split($3, f, "#"); printf "%s%s", sep, f[1]; sep=" "}' can.out)"
 check "its data frames carry the payload" "0102030405060708 090A0B0C0D0E0F10 11121314" \
     "$(awk 'NR > 1 {split($3, f, "#"); printf "%s%s", sep, f[2]; sep=" "}' can.out)"
 
-kill $gate_pid 2>/dev/null
-wait $gate_pid 2>/dev/null
+kill $gate_pid 2>/dev/null; wait $gate_pid 2>/dev/null
 [ $failed -eq 0 ] || cat gate.log
 echo "$passed passed, $failed failed"
 [ $failed -eq 0 ]

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "support/can_test_device.h"
+#include "support/frame_recorder.h"
 #include "vostrelka/net_device/CanDecoder.h"
 
 using namespace vostrelka;
@@ -17,13 +18,6 @@ namespace {
 
 constexpr size_t RECORD_BYTES = 13;
 
-struct PayloadToucher : NetDeviceMessageHandlerI {
-    uint64_t sum = 0;
-    void on_frame(NetDevice&, const Frame& frame) override {
-        for (uint64_t i = 0; i < frame.payload.size; i++) sum += frame.payload.data[i];
-    }
-};
-
 // Small so that overwrite and overflow happen often.
 using Device = test_support::CanTestDevice<4, 64, 8>;
 
@@ -31,8 +25,9 @@ using Device = test_support::CanTestDevice<4, 64, 8>;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static Device* device = new Device(0xFF);
-    static PayloadToucher handler;
+    static test_support::FrameRecorder handler;  // its copy reads every payload byte
     device->set_handler(&handler);
+    handler.frames.clear();
 
     uint8_t buffer[24];
     CanDecoder decoder(Slice<uint8_t>(buffer, 0, sizeof buffer));

@@ -11,64 +11,34 @@
 // Input: byte 0 picks the gateway (bit 0), the receiving interface (bits
 // 1-2: "udp", "udpserial", the MANet interface) and the sending socket
 // (bits 3-4); the rest is the datagram.
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <cstdint>
 #include <cstdio>
 #include <memory>
 
 #include "Gate.h"
+#include "support/UdpEndpoint.h"
+#include "support/frame_recorder.h"
 #include "vostrelka/net_device_udp/NetDeviceUDP.h"
 #include "vostrelka/net_device_udp/NetDeviceUDPSerial.h"
 
 using namespace vostrelka;
 using namespace vostrelka::net_device;
+using test_support::RecordingNetDevice;
+using test_support::UdpEndpoint;
 
 namespace {
 
 constexpr int SENDERS = 4;
 constexpr uint32_t CONFIGURED_MANET = 0x0A000001;
 
-// A link-level device without a descriptor that drops what it is given.
-struct NullDevice : NetDevice {
-    NullDevice() : NetDevice(0xFF) {}
-    bool is_fd_set(fd_set*) override { return false; }
-    void register_fd(fd_set*, fd_set*, fd_set*) override {}
-    void on_event(uint8_t) override {}
-    int send_raw(const Frame& frame) override {
-        // Read what routing hands on, as a real encoder would.
-        volatile uint8_t sum = 0;
-        for (uint64_t i = 0; i < frame.payload.size; i++) sum = sum + frame.payload.data[i];
-        return 0;
-    }
-};
-
-int udp_socket() {
-    const int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in any{};
-    any.sin_family = AF_INET;
-    any.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(fd, reinterpret_cast<sockaddr*>(&any), sizeof any);
-    return fd;
-}
-
-uint16_t port_of(int fd) {
-    sockaddr_in addr{};
-    socklen_t len = sizeof addr;
-    getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
-    return ntohs(addr.sin_port);
-}
-
 struct Harness {
     Gate gate;
     std::shared_ptr<NetDeviceUDP> udp = std::make_shared<NetDeviceUDP>(2048, 0xFF);
     std::shared_ptr<NetDeviceUDPSerial> udpserial = std::make_shared<NetDeviceUDPSerial>(2048, 0xFF);
-    std::shared_ptr<NullDevice> serial = std::make_shared<NullDevice>();
+    // Link-level devices without a descriptor; copying what they are sent reads it as an encoder would.
+    std::shared_ptr<RecordingNetDevice> serial = std::make_shared<RecordingNetDevice>();
     std::shared_ptr<NetDeviceUDP> manet = std::make_shared<NetDeviceUDP>(2048, 0xFF);
-    std::shared_ptr<NullDevice> inert = std::make_shared<NullDevice>();
-    int sink = udp_socket();  // where forwarded frames for configured UDP peers go
+    std::shared_ptr<RecordingNetDevice> inert = std::make_shared<RecordingNetDevice>();
+    UdpEndpoint sink;  // where forwarded frames for configured UDP peers go
 
     explicit Harness(bool with_manet) {
         const std::optional<InetAddress> loopback_any = InetAddress::from("127.0.0.1", 0);
@@ -96,34 +66,33 @@ struct Harness {
     void reset_tables() {
         gate.local_peers.clear();
         gate.manet_peers.clear();
-        const std::optional<InetAddress> sink_address = InetAddress::from("127.0.0.1", port_of(sink));
+        const std::optional<InetAddress> sink_address = InetAddress::from("127.0.0.1", sink.port());
         gate.local_peers[0x10] = Gate::LocalPeer{&gate.ifaces[1], sink_address};
         gate.local_peers[0x11] = Gate::LocalPeer{&gate.ifaces[2], sink_address};
         gate.local_peers[0x12] = Gate::LocalPeer{&gate.ifaces[3], std::nullopt};
         auto manet_iface = gate.ifaces.find(4);
-        if (manet_iface != gate.ifaces.end()) {
+        if (manet_iface != gate.ifaces.end())
             gate.add_manet_peer(manet_iface->second, CONFIGURED_MANET, 0x20, nullptr, sink_address);
-        }
         gate.add_manet_peer(gate.ifaces[3], CONFIGURED_MANET + 1, 0x21, nullptr, std::nullopt);
-        // Forwarded datagrams are not looked at; keep the sink from filling.
-        char drain[4096];
-        while (recv(sink, drain, sizeof drain, MSG_DONTWAIT) > 0) {
+        // What was forwarded is not looked at; keep the sink and the records from filling.
+        while (sink.receive(0)) {
         }
+        serial->sent.clear();
+        inert->sent.clear();
     }
 };
 
 }  // namespace
 
+// Peer-table changes are always logged; the fuzzer only wants crashes.
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    // Peer-table changes are always logged; the fuzzer only wants crashes.
-    if (freopen("/dev/null", "w", stdout) == nullptr) return 0;
-    return 0;
+    return freopen("/dev/null", "w", stdout) ? 0 : 1;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static Harness* with_manet = new Harness(true);
     static Harness* without_manet = new Harness(false);
-    static int senders[SENDERS] = {udp_socket(), udp_socket(), udp_socket(), udp_socket()};
+    static UdpEndpoint senders[SENDERS];
     if (size < 1) return 0;
 
     const bool service_gateway = (data[0] & 1) != 0;
@@ -142,12 +111,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (device == h.udp.get() && length >= 1 && datagram[0] == Gate::SERVICE_PROTO_ID) return 0;
     }
 
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    to.sin_port = htons(port_of(device->get_socket()));
-    const int sender = senders[(data[0] >> 3) & (SENDERS - 1)];
-    if (sendto(sender, datagram, length, 0, reinterpret_cast<sockaddr*>(&to), sizeof to) < 0) return 0;
+    UdpEndpoint& sender = senders[(data[0] >> 3) & (SENDERS - 1)];
+    if (!sender.send_to(test_support::bound_port_of(device->get_socket()), {datagram, datagram + length})) return 0;
     device->on_event(event_system::EVENT_READABLE);
 
     h.reset_tables();

@@ -17,13 +17,9 @@ int main() {
     pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
 
     test_support::PtyNullModem modem;
-    if (!modem.ok()) {
-        std::fprintf(stderr, "mesh-null-modem: cannot open pseudo-terminals\n");
-        return 1;
-    }
+    if (!modem.ok()) return std::fprintf(stderr, "mesh-null-modem: cannot open pseudo-terminals\n"), 1;
     std::printf("%s %s\n", modem.path_a().c_str(), modem.path_b().c_str());
     std::fflush(stdout);
     int received = 0;
-    sigwait(&stop_signals, &received);
-    return 0;
+    return sigwait(&stop_signals, &received), 0;
 }

@@ -11,9 +11,8 @@
 # A device is a `gatecat dump` plus `gatecat send` from the same end; device k
 # behind g has address 0xgk and MANet node 0x0A0000gk. The UTM server is a dump
 # on udp://10.77.0.9:7700.
-# Usage: run-mesh.sh [BUILD_DIR], as root (re-runs itself through sudo). Prints
-# a line per scenario and "N passed, N failed"; status 1 when any failed. What
-# it started is stopped by pid, its namespaces and /etc/netns folders removed.
+# Usage: run-mesh.sh [BUILD_DIR], as root (re-runs itself through sudo). Prints a
+# line per scenario and "N passed, N failed"; status 1 when any failed.
 set -uo pipefail
 
 [[ $(id -u) -eq 0 ]] || exec sudo -- "$0" "$@"
@@ -35,10 +34,7 @@ ipn() { ip -n "$(ns "$1")" "${@:2}"; }  # ipn HOST ip-command...
 cleanup() {
     local pid host
     for pid in "${PIDS[@]}"; do kill -TERM "$pid" 2>/dev/null; done
-    for pid in "${PIDS[@]}"; do
-        for _ in {1..20}; do kill -0 "$pid" 2>/dev/null || break; sleep 0.1; done
-        kill -KILL "$pid" 2>/dev/null
-    done
+    for pid in "${PIDS[@]}"; do wait_until 2 eval "! kill -0 $pid 2>/dev/null" || kill -KILL "$pid" 2>/dev/null; done
     for host in "${GATEWAYS[@]}" utm seg; do ip netns del "$(ns "$host")" 2>/dev/null; rm -rf "/etc/netns/$(ns "$host")"; done
     ((MADE_ETC_NETNS)) && rmdir /etc/netns 2>/dev/null
     # Cut short (a signal, or set-up failed): still close with the count.
@@ -71,8 +67,7 @@ expect_times() {
     for dev in "${@:3}"; do n=$(frames_of "$dev" "$2"); ((n == $1)) || fail "device $dev received $2 $n times, not $1"; done
 }
 expect_frame() {  # DEV FRAME: arrives, and exactly once
-    wait_until $WAIT_S grep -qF ") $2 " "$WORK/dev-$1.out" || fail "device $1 did not receive $2"
-    expect_times 1 "$2" "$1"
+    wait_until $WAIT_S grep -qF ") $2 " "$WORK/dev-$1.out" || fail "device $1 did not receive $2"; expect_times 1 "$2" "$1"
 }
 expect_alive() { local g; for g in "$@"; do kill -0 "${PIDS[gate-$g]}" 2>/dev/null || fail "gate $g is gone"; done; }
 
@@ -264,11 +259,11 @@ scenario_all_alive_without_errors() {
 }
 
 passed=0 failed=0
-run() {
-    local started=$SECONDS
+run() {  # the scenario's subshell must not be part of a && list, which would switch its -e off
+    local started=$SECONDS result=PASS
     (set -e; "scenario_$1")
-    if [[ $? -eq 0 ]]; then passed=$((passed + 1)); echo "PASS $1 ($((SECONDS - started)) s)"
-    else failed=$((failed + 1)); echo "FAIL $1 ($((SECONDS - started)) s)"; fi
+    if [[ $? -eq 0 ]]; then passed=$((passed + 1)); else failed=$((failed + 1)) result=FAIL; fi
+    echo "$result $1 ($((SECONDS - started)) s)"
 }
 
 for tool in gate gatecat mesh-null-modem; do [[ -x $BIN/$tool ]] || { echo "mesh: $BIN/$tool missing; build first"; exit 1; }; done

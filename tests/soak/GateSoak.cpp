@@ -14,28 +14,19 @@
 // Passes when the gateway is still alive, every valid frame arrived exactly
 // once, and resident memory after warm-up did not grow by more than
 // RSS_GROWTH_LIMIT_KB. Usage: gate-soak GATE_BINARY [SECONDS] [FRAMES_PER_SECOND_PER_FLOW]
-#include <fcntl.h>
-#include <poll.h>
-#include <pty.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <functional>
 #include <random>
-#include <string>
 #include <thread>
-#include <vector>
 
+#include "support/GateProcess.h"
+#include "support/PtyPair.h"
 #include "support/TempDir.h"
 #include "support/UdpEndpoint.h"
-#include "vostrelka/net_device/SerialEncoder.h"
+#include "support/frame_recorder.h"
 
 using namespace vostrelka;
 using namespace vostrelka::net_device;
@@ -47,121 +38,44 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr uint32_t MAGIC = 0x534F414B;  // marks valid soak payloads
-constexpr int FLOWS = 3;
+constexpr uint32_t FLOWS = 3;
 constexpr long RSS_GROWTH_LIMIT_KB = 512;
-constexpr int WARM_UP_SECONDS = 12;  // learned MANet links age out after 10 s
+constexpr int WARM_UP_SECONDS = 12;  // learned links age out after 10 s
 constexpr uint8_t PROTO = 7;
 
-struct Flow {
-    uint8_t src;
-    uint8_t dst;
-    uint32_t sent = 0;
-    std::vector<uint8_t> seen;  // times each sequence number arrived
+struct Payload {
+    uint32_t magic, flow, seq;
 };
 
-Bytes valid_payload(int flow, uint32_t seq) {
-    Bytes p(12);
-    std::memcpy(p.data(), &MAGIC, 4);
-    std::memcpy(p.data() + 4, &flow, 4);
-    std::memcpy(p.data() + 8, &seq, 4);
-    return p;
+Bytes valid_payload(uint32_t flow, uint32_t seq) {
+    const Payload p{MAGIC, flow, seq};
+    return Bytes(reinterpret_cast<const uint8_t*>(&p), reinterpret_cast<const uint8_t*>(&p + 1));
 }
-
-// Serial framing of one frame, with the library's own encoder.
-class Framer : public SerialEncoderHandlerI {
-public:
-    Framer() : tx(tx_storage, 0, sizeof tx_storage), rx(rx_storage, 0, sizeof rx_storage), codec(tx, rx, *this) {}
-    Bytes encode(uint8_t proto, uint8_t src, uint8_t dst, const Bytes& payload) {
-        Frame f;
-        f.proto_id = proto;
-        f.src = src;
-        f.dst = dst;
-        f.payload = ConstSlice<unsigned char>(payload.data(), payload.size());
-        tx.clear();
-        codec.encode(f, stats);
-        return Bytes(tx.data, tx.data + tx.size);
-    }
-    // Decodes a stream chunk; valid frames go to `sink`.
-    template <typename Sink>
-    void decode(const uint8_t* data, size_t len, Sink&& sink) {
-        on_decoded = sink;
-        codec.decode(ConstSlice<unsigned char>(data, len), stats);
-    }
-    void on_frame(const Frame& frame) override {
-        if (on_decoded) on_decoded(frame.payload.data, frame.payload.size);
-    }
-
-private:
-    uint8_t tx_storage[8192];
-    uint8_t rx_storage[4096];
-    Slice<unsigned char> tx;
-    Slice<unsigned char> rx;
-    SerialEncoder codec;
-    SerialEncoderErrorStats stats;
-    std::function<void(const uint8_t*, size_t)> on_decoded;
-};
 
 long rss_kb(pid_t pid) {
     std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    std::string line;
-    while (std::getline(status, line))
+    for (std::string line; std::getline(status, line);)
         if (line.rfind("VmRSS:", 0) == 0) return std::strtol(line.c_str() + 6, nullptr, 10);
     return -1;
-}
-
-bool alive(pid_t pid) {
-    return waitpid(pid, nullptr, WNOHANG) == 0;
-}
-
-// The whole of `data` onto the line, waiting for room for up to a second.
-bool write_all(int fd, const Bytes& data) {
-    size_t done = 0;
-    const auto deadline = Clock::now() + std::chrono::seconds(1);
-    while (done < data.size() && Clock::now() < deadline) {
-        const ssize_t n = write(fd, data.data() + done, data.size() - done);
-        if (n > 0) {
-            done += static_cast<size_t>(n);
-        } else {
-            pollfd p{fd, POLLOUT, 0};
-            poll(&p, 1, 10);
-        }
-    }
-    return done == data.size();
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc < 2) {
-        std::fprintf(stderr, "usage: %s GATE_BINARY [SECONDS] [FRAMES_PER_SECOND_PER_FLOW]\n", argv[0]);
-        return 2;
-    }
     const int seconds = argc > 2 ? std::atoi(argv[2]) : 60;
     const int rate = argc > 3 ? std::atoi(argv[3]) : 2000;
-    if (seconds <= WARM_UP_SECONDS) {
-        std::fprintf(stderr, "a soak needs more than %d seconds\n", WARM_UP_SECONDS);
+    if (argc < 2 || seconds < 2) {
+        std::fprintf(stderr, "usage: %s GATE_BINARY [SECONDS, at least 2] [FRAMES_PER_SECOND_PER_FLOW]\n", argv[0]);
         return 2;
     }
+    const int warm_up_seconds = std::min(WARM_UP_SECONDS, seconds / 2);  // a short run measures from half-way
     signal(SIGPIPE, SIG_IGN);
 
-    UdpEndpoint udp_device;        // 0x01
-    UdpEndpoint udpserial_device;  // 0x02
-    UdpEndpoint garbage;
-    int master = -1;
-    int slave = -1;
-    char slave_path[128];
-    if (openpty(&master, &slave, slave_path, nullptr, nullptr) != 0) return 1;
-    fcntl(master, F_SETFL, fcntl(master, F_GETFL) | O_NONBLOCK);
-
-    // Two ports for the gateway: bind and release, then hand them over.
-    uint16_t gate_udp_port;
-    uint16_t gate_udpserial_port;
-    {
-        UdpEndpoint a;
-        UdpEndpoint b;
-        gate_udp_port = a.port();
-        gate_udpserial_port = b.port();
-    }
+    UdpEndpoint udp_device, udpserial_device, garbage;  // 0x01, 0x02, and the garbage source
+    test_support::PtyPair line;                         // 0x03 on the master
+    const uint16_t gate_udp_port = test_support::free_udp_port();
+    uint16_t gate_udpserial_port = gate_udp_port;
+    while (gate_udpserial_port == gate_udp_port) gate_udpserial_port = test_support::free_udp_port();
     test_support::TempDir dir;
     char config[2048];
     std::snprintf(config, sizeof config,
@@ -173,50 +87,38 @@ int main(int argc, char** argv) {
   {"netdev_addr": "0x01", "iface_id": 1, "inet_addr": "127.0.0.1:%u"},
   {"netdev_addr": "0x02", "iface_id": 2, "inet_addr": "127.0.0.1:%u"},
   {"netdev_addr": "0x03", "iface_id": 3}]})",
-                  gate_udp_port, gate_udpserial_port, slave_path, udp_device.port(), udpserial_device.port());
-    const std::string config_path = dir.write_file("soak.json", config);
-    const std::string log_path = dir.path() + "/gate.log";
-
-    const pid_t gate = fork();
-    if (gate == 0) {
-        const int log = open(log_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        dup2(log, STDOUT_FILENO);
-        for (int fd = STDERR_FILENO + 1; fd < 1024; fd++) close(fd);
-        execl(argv[1], argv[1], "--config", config_path.c_str(), "--debug", "0", static_cast<char*>(nullptr));
-        _exit(127);
-    }
+                  gate_udp_port, gate_udpserial_port, line.slave_path().c_str(), udp_device.port(),
+                  udpserial_device.port());
+    // Its output is kept in memory, to be shown if it dies; the destructor kills it if it still runs.
+    test_support::GateProcess gate(argv[1], {"--config", dir.write_file("soak.json", config), "--debug", "0"}, true);
+    const auto alive = [&gate] { return !gate.wait_exit(std::chrono::milliseconds(0)); };
     usleep(300000);  // the gateway binds its sockets and opens the line
 
-    Flow flows[FLOWS] = {{0x01, 0x02, 0, {}}, {0x02, 0x03, 0, {}}, {0x03, 0x01, 0, {}}};
     const uint32_t per_flow = static_cast<uint32_t>(rate) * static_cast<uint32_t>(seconds);
-    for (Flow& f : flows) f.seen.assign(per_flow, 0);
-    Framer out_framer;
-    Framer line_reader;
-    Framer udpserial_reader;
-    std::mt19937 rng(12345);
-    uint64_t garbage_sent = 0;
-    uint64_t foreign = 0;  // frames the gateway sent that are not ours (caused by garbage)
-
+    std::vector<uint8_t> seen[FLOWS];  // times each sequence number of a flow arrived
+    for (auto& s : seen) s.assign(per_flow, 0);
+    uint32_t sent = 0;                                 // per flow
+    unsigned long long garbage_sent = 0, foreign = 0;  // foreign: frames the gateway sent because of garbage
     const auto record = [&](const uint8_t* data, size_t len) {
-        uint32_t magic, flow, seq;
-        if (len != 12) return void(foreign++);
-        std::memcpy(&magic, data, 4);
-        std::memcpy(&flow, data + 4, 4);
-        std::memcpy(&seq, data + 8, 4);
-        if (magic != MAGIC || flow >= FLOWS || seq >= per_flow) return void(foreign++);
-        flows[flow].seen[seq]++;
+        Payload p;
+        if (len != sizeof p) return void(foreign++);
+        std::memcpy(&p, data, sizeof p);
+        if (p.magic != MAGIC || p.flow >= FLOWS || p.seq >= per_flow) return void(foreign++);
+        seen[p.flow][p.seq]++;
     };
-    const auto drain = [&]() {
-        while (auto d = udp_device.receive(0)) {
+    test_support::SerialFraming out_framer, line_reader, udpserial_reader;
+    const auto decode = [&](test_support::SerialFraming& reader, const Bytes& chunk) {
+        for (const auto& frame : reader.feed(chunk)) record(frame.payload.data(), frame.payload.size());
+    };
+    const auto drain = [&] {
+        while (auto d = udp_device.receive(0))
             if (d->size() >= 3) record(d->data() + 3, d->size() - 3);
-        }
-        while (auto d = udpserial_device.receive(0)) udpserial_reader.decode(d->data(), d->size(), record);
-        uint8_t buf[4096];
-        ssize_t n;
-        while ((n = read(master, buf, sizeof buf)) > 0) line_reader.decode(buf, static_cast<size_t>(n), record);
+        while (auto d = udpserial_device.receive(0)) decode(udpserial_reader, *d);
+        decode(line_reader, line.read_master_available());
     };
-    const auto garbage_src = [&]() { return static_cast<uint8_t>(0x40 + rng() % 0x40); };
-    const auto send_garbage = [&]() {
+    std::mt19937 rng(12345);
+    const auto garbage_src = [&] { return static_cast<uint8_t>(0x40 + rng() % 0x40); };
+    const auto send_garbage = [&] {
         Bytes junk(1 + rng() % 64);
         for (uint8_t& b : junk) b = static_cast<uint8_t>(rng());
         switch (rng() % 6) {
@@ -226,20 +128,20 @@ int main(int argc, char** argv) {
                 garbage.send_to(gate_udp_port, junk);
                 break;
             case 1:  // random bytes on the line and in a udpserial datagram
-                write_all(master, junk);
+                line.write_master(junk);
                 garbage.send_to(gate_udpserial_port, junk);
                 break;
             case 2: {  // a frame with a broken CRC
-                Bytes f = out_framer.encode(PROTO, garbage_src(), 0x02, junk);
+                Bytes f = out_framer.encode({PROTO, garbage_src(), 0x02, junk});
                 f[2] ^= 0x01;
                 if (f[2] == 0x42 || f[2] == 0x55) f[2] ^= 0x02;
                 garbage.send_to(gate_udpserial_port, f);
                 break;
             }
             case 3: {  // a truncated frame, then the line carries on
-                Bytes f = out_framer.encode(PROTO, garbage_src(), 0x01, junk);
+                Bytes f = out_framer.encode({PROTO, garbage_src(), 0x01, junk});
                 f.resize(f.size() / 2);
-                write_all(master, f);
+                line.write_master(f);
                 break;
             }
             case 4:  // a MANet frame shorter than its header
@@ -257,59 +159,44 @@ int main(int argc, char** argv) {
 
     const auto start = Clock::now();
     long rss_warm = -1;
-    const int ticks_per_second = 1000;
-    const double per_tick = static_cast<double>(rate) / ticks_per_second;
+    constexpr int TICKS_PER_SECOND = 1000;
     double due = 0;
-    for (int tick = 0; tick < seconds * ticks_per_second && alive(gate); tick++) {
-        due += per_tick;
-        while (due >= 1.0) {
-            due -= 1.0;
-            Flow& a = flows[0];
-            Flow& b = flows[1];
-            Flow& c = flows[2];
-            Bytes udp_frame = {PROTO, a.src, a.dst};
-            const Bytes pa = valid_payload(0, a.sent++);
-            udp_frame.insert(udp_frame.end(), pa.begin(), pa.end());
+    for (int tick = 0; tick < seconds * TICKS_PER_SECOND && alive(); tick++) {
+        for (due += static_cast<double>(rate) / TICKS_PER_SECOND; due >= 1.0; due -= 1.0, sent++) {
+            Bytes udp_frame = {PROTO, 0x01, 0x02};
+            const Bytes payload = valid_payload(0, sent);
+            udp_frame.insert(udp_frame.end(), payload.begin(), payload.end());
             udp_device.send_to(gate_udp_port, udp_frame);
             udpserial_device.send_to(gate_udpserial_port,
-                                     out_framer.encode(PROTO, b.src, b.dst, valid_payload(1, b.sent++)));
-            const Bytes line = out_framer.encode(PROTO, c.src, c.dst, valid_payload(2, c.sent++));
-            write_all(master, line);
+                                     out_framer.encode({PROTO, 0x02, 0x03, valid_payload(1, sent)}));
+            line.write_master(out_framer.encode({PROTO, 0x03, 0x01, valid_payload(2, sent)}));
             if (rng() % 4 == 0) send_garbage();  // garbage at a quarter of the valid rate
         }
         drain();
-        if (tick == WARM_UP_SECONDS * ticks_per_second) rss_warm = rss_kb(gate);
+        if (tick == warm_up_seconds * TICKS_PER_SECOND) rss_warm = rss_kb(gate.pid());
         std::this_thread::sleep_until(start + std::chrono::milliseconds(tick + 1));
     }
-    const auto settle = Clock::now() + std::chrono::seconds(2);
-    while (Clock::now() < settle) {
-        drain();
-        usleep(1000);
-    }
-    const bool gate_alive = alive(gate);
-    const long rss_end = gate_alive ? rss_kb(gate) : -1;
-    if (gate_alive) kill(gate, SIGTERM);
-    waitpid(gate, nullptr, 0);
+    for (const auto settle = Clock::now() + std::chrono::seconds(2); Clock::now() < settle; usleep(1000)) drain();
+    const bool gate_alive = alive();
+    const long rss_end = gate_alive ? rss_kb(gate.pid()) : -1;
+    if (gate_alive) kill(gate.pid(), SIGTERM), gate.wait_exit();
 
-    uint64_t sent = 0, once = 0, lost = 0, duplicated = 0;
-    for (const Flow& f : flows) {
-        sent += f.sent;
-        for (uint32_t s = 0; s < f.sent; s++) {
-            once += f.seen[s] == 1;
-            lost += f.seen[s] == 0;
-            duplicated += f.seen[s] > 1;
+    unsigned long long once = 0, lost = 0, duplicated = 0;
+    for (const auto& s : seen) {
+        for (uint32_t i = 0; i < sent; i++) {
+            once += s[i] == 1;
+            lost += s[i] == 0;
+            duplicated += s[i] > 1;
         }
     }
     std::printf("soak: %d s, %d frames/s per flow\n", seconds, rate);
     std::printf("valid frames sent %llu, forwarded once %llu, lost %llu, duplicated %llu\n",
-                static_cast<unsigned long long>(sent), static_cast<unsigned long long>(once),
-                static_cast<unsigned long long>(lost), static_cast<unsigned long long>(duplicated));
-    std::printf("garbage sent %llu, foreign frames forwarded by the gateway %llu\n",
-                static_cast<unsigned long long>(garbage_sent), static_cast<unsigned long long>(foreign));
+                static_cast<unsigned long long>(sent) * FLOWS, once, lost, duplicated);
+    std::printf("garbage sent %llu, foreign frames forwarded by the gateway %llu\n", garbage_sent, foreign);
     std::printf("RSS after warm-up %ld kB, at end %ld kB\n", rss_warm, rss_end);
     const bool rss_flat = rss_warm > 0 && rss_end > 0 && rss_end - rss_warm <= RSS_GROWTH_LIMIT_KB;
     const bool ok = gate_alive && lost == 0 && duplicated == 0 && rss_flat;
     std::printf("%s\n", ok ? "soak passed" : "soak FAILED");
-    if (!gate_alive) std::printf("the gateway died; its log: %s\n", log_path.c_str());
+    if (!gate_alive) std::printf("the gateway died; its output:\n%s", gate.log().c_str());
     return ok ? 0 : 1;
 }
