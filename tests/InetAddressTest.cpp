@@ -29,7 +29,6 @@ TEST(InetAddressEquality, ComparesTheTextNotTheSocketAddress) {
     const InetAddress a = *InetAddress::from("10.0.0.1:80"s);
     EXPECT_EQ(a, *InetAddress::from("10.0.0.1:80"s));
     EXPECT_NE(a, *InetAddress::from("10.0.0.1:080"s));
-    EXPECT_NE(a, *InetAddress::from("10.0.1:80"s));
     sockaddr_in other{};
     EXPECT_EQ(a, InetAddress("10.0.0.1", "80", 1, other));
     EXPECT_EQ(InetAddress("a:b", "80", 80, other), InetAddress("a", "b:80", 80, other));

@@ -67,7 +67,7 @@ TEST(ConfigFile, BadOrMissingValueFailsTheLoadWhileTheOtherFieldsAreFilled) {
     }
 }
 
-TEST(ConfigFile, LineFillingTheBufferEndsTheReading) {
+TEST(ConfigFile, LineFillingTheBufferEndsTheReadingAndFileErrorsAreReported) {
     manet_config c;
     bool ok = false;
     EXPECT_EQ(load(c, ok, "#" + std::string(126, 'c') + "\n" + SAVED), "");
@@ -75,11 +75,6 @@ TEST(ConfigFile, LineFillingTheBufferEndsTheReading) {
     EXPECT_EQ(load(c, ok, "ADDR 00000005\n#" + std::string(127, 'c') + "\n" + SAVED), "ERROR: buffer overflow\n");
     EXPECT_FALSE(ok);
     EXPECT_EQ(c.node_manet_addr, 5u) << "lines before the long one are kept";
-}
-
-TEST(ConfigFile, FileErrorsAreReported) {
-    manet_config c;
-    bool ok = true;
     EXPECT_EQ(load(c, ok, "", "/nonexistent/manet.conf"),
               "ERROR: failed to open config file for reading /nonexistent/manet.conf\n");
     test_support::TempDir dir;

@@ -67,13 +67,13 @@ TEST(CanEncoder, PutsEveryFieldInTheIdentifier) {
 
 // Frames may come in any order; the message completes on whichever fills the last gap. With 16 data
 // frames, the first bitmap byte (frames 1 to 7) is examined, so a gap there keeps the message waiting.
-TEST(NetDeviceCanBase, ReassemblesEverySizeInAnyOrder) {
+TEST(NetDeviceCanBase, ReassemblesEverySizeInAnyOrderForItsAddressOrBroadcast) {
     std::vector<size_t> gap_at_3 = {0, 1, 2};
     for (size_t i = 4; i <= 16; i++) gap_at_3.push_back(i);
     gap_at_3.push_back(3);
     const std::pair<size_t, std::vector<size_t>> cases[] = {{0, {0}},           {8, {0}},           {9, {2, 0, 1}},
                                                             {20, {3, 2, 1, 0}}, {20, {1, 2, 3, 0}}, {128, gap_at_3}};
-    Device device;
+    Device device(0x20);
     Frames expected;
     for (const auto& [size, order] : cases) {
         const std::vector<CanFrame> frames = encode(0x10, 0x20, 3, counting_bytes(size), 14);
@@ -81,6 +81,8 @@ TEST(NetDeviceCanBase, ReassemblesEverySizeInAnyOrder) {
         EXPECT_EQ(device.log_of(frames, order), "") << size;
         expected.push_back({14, 0x10, 0x20, counting_bytes(size)});
     }
+    for (uint8_t dst : {0x21, 0xFF}) device.log_of(encode(0x10, dst, dst & 7));  // only broadcasts for others
+    expected.push_back({5, 0x10, 0xFF, TWENTY});
     EXPECT_EQ(device.recorder.frames, expected);
 }
 
@@ -96,12 +98,6 @@ TEST(NetDeviceCanBase, RefusesAFrameWholeWhenTheQueueLacksRoomAndStillAdvancesTh
     ASSERT_EQ(device.written.size(), 16u);
     EXPECT_EQ(can_id_transfer_counter(device.written[12].id), 2) << "the refused frame used counter 1";
     EXPECT_EQ(device.send_raw_highprio(make_frame(5, 0x10, 0x20, {1})), -1) << "no high-priority queue";
-}
-
-TEST(NetDeviceCanBase, DeliversFramesForItsAddressOrBroadcastOnly) {
-    Device device(0x20);
-    for (uint8_t dst : {0x21, 0xFF, 0x20}) device.log_of(encode(0x10, dst, dst & 7));
-    EXPECT_EQ(device.recorder.frames, (Frames{{5, 0x10, 0xFF, TWENTY}, {5, 0x10, 0x20, TWENTY}}));
 }
 
 // A sender's counter 3 to 5 ahead of an unfinished message means that
