@@ -14,14 +14,8 @@
 using namespace vostrelka;
 using namespace vostrelka::net_device;
 
-namespace {
-
 constexpr size_t RECORD_BYTES = 13;
-
-// Small so that overwrite and overflow happen often.
-using Device = test_support::CanTestDevice<4, 64, 8>;
-
-}  // namespace
+using Device = test_support::CanTestDevice<4, 64, 8>;  // small, so that overwrite and overflow happen often
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static Device* device = new Device(0xFF);
@@ -45,11 +39,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (decoder.decode(frame, out) == CANDecoderStatus::COMPLETE) handler.on_frame(*device, out);
     }
     // Whatever state the device is left in, it must still send.
-    const uint8_t payload[20] = {};
-    Frame frame;
-    frame.proto_id = 5;
-    frame.payload = ConstSlice<unsigned char>(payload, sizeof payload);
     device->written.clear();
-    if (device->send_raw(frame) != 0) __builtin_trap();
+    if (device->send_raw(test_support::make_frame(5, 0, 0, test_support::Bytes(20))) != 0) __builtin_trap();
     return 0;
 }

@@ -41,10 +41,8 @@ struct Harness {
     UdpEndpoint sink;  // where forwarded frames for configured UDP peers go
 
     explicit Harness(bool with_manet) {
-        const std::optional<InetAddress> loopback_any = InetAddress::from("127.0.0.1", 0);
-        if (!udp->create_socket(*loopback_any) || !udpserial->create_socket(*loopback_any) ||
-            !manet->create_socket(*loopback_any))
-            __builtin_trap();
+        for (NetDeviceUDP* device : {udp.get(), static_cast<NetDeviceUDP*>(udpserial.get()), manet.get()})
+            if (!device->create_socket(*InetAddress::from("127.0.0.1", 0))) __builtin_trap();
         add(1, Gate::LOCAL, udp);
         add(2, Gate::LOCAL, udpserial);
         add(3, Gate::LOCAL, serial);
@@ -55,10 +53,7 @@ struct Harness {
 
     void add(uint32_t id, uint8_t type, std::shared_ptr<NetDevice> device) {
         device->set_handler(&gate);
-        Gate::Interface& iface = gate.ifaces[id];
-        iface.id = id;
-        iface.type = type;
-        iface.net_device = std::move(device);
+        gate.ifaces[id] = Gate::Interface{id, type, std::move(device)};
     }
 
     // Back to the configured peers, so that learning from one input does not
