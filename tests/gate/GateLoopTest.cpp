@@ -21,10 +21,10 @@ constexpr int64_t SECOND_US = 1000000;
 constexpr long T0_US = 7000000;
 
 // An entry that records what the loop tells it; with a descriptor, it
-// watches it for reading and, if asked, for writing or exceptions.
+// watches it for reading and for what `watch` asks (0x01 write, 0x04 exception).
 struct ProbeEntry : vostrelka::event_system::EventLoopEntry {
     int fd = -1;
-    uint8_t watch = 0;  // 0x01 write, 0x04 exception
+    uint8_t watch = 0;
     bool has_timer_handler = true;
     std::vector<uint8_t> events;
     std::vector<int64_t> timers;
@@ -54,10 +54,8 @@ TEST_F(GateLoopTest, ReadyEntriesGetTheirBitsAndTheExceptionBitWheneverAnythingW
     int busy[2], idle[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, busy) | socketpair(AF_UNIX, SOCK_DGRAM, 0, idle), 0);
     ProbeEntry reader, quiet;
-    reader.fd = busy[0];
-    reader.watch = 0x01;
-    quiet.fd = idle[0];
-    quiet.watch = 0x04;
+    reader.fd = busy[0], reader.watch = 0x01;
+    quiet.fd = idle[0], quiet.watch = 0x04;
     for (ProbeEntry* entry : {&reader, &quiet}) gate.event_loop_entries.push_back(entry);
     pass();
     ASSERT_EQ(write(busy[1], "x", 1), 1);
@@ -79,8 +77,7 @@ TEST_F(GateLoopTest, OnlyTheLastEntryWithATimerCountsOnceDueAndIfItHandlesTimers
     EXPECT_TRUE(early.timers.empty());
     EXPECT_EQ(last.timers, (std::vector<int64_t>{past + 1}));
 
-    without_handler.has_timer_handler = false;
-    without_handler.timer_deadline = past;
+    without_handler.has_timer_handler = false, without_handler.timer_deadline = past;
     gate.event_loop_entries.push_back(&without_handler);
     pass();
     EXPECT_TRUE(without_handler.timers.empty());
@@ -96,8 +93,7 @@ TEST_F(GateLoopTest, SelectFailureIsLoggedAndThePassGoesOn) {
         // nothing takes its number before select() sees it.
         int fds[2];
         ASSERT_EQ(pipe(fds), 0);
-        close(fds[0]);
-        close(fds[1]);
+        close(fds[0]), close(fds[1]);
         stale.fd = fds[0];
         gate.run_once(0);
     });
@@ -156,9 +152,11 @@ TEST_F(GateLoopTest, SerialPortIsClosedOnceWhenUnpluggedAndReopenedWhenPluggedBa
     EXPECT_TRUE(port->is_open());
 }
 
-TEST(RFModemHandlerTest, SendsFirstThenOnlyAfterStrictlyMoreThanAPeriod) {
-    RecordingNetDevice device;
-    vostrelka::RFModemHandler handler(&device, 5, 1.0f, 3);
+// The base config goes from the device to the modem at nine:
+//   id 1 | size 9 (LE) | addr (LE) | power (float LE) | channel
+TEST(RFModemHandlerTest, SendsBaseConfigFirstThenOnlyAfterStrictlyMoreThanAPeriod) {
+    RecordingNetDevice device(0x31);
+    vostrelka::RFModemHandler handler(&device, 2, 20.0f, 44);
     std::vector<long> sent_at;
     for (long now = T0_US; now <= T0_US + 4000000; now += 500000) {
         const size_t before = device.sent.size();
@@ -166,15 +164,8 @@ TEST(RFModemHandlerTest, SendsFirstThenOnlyAfterStrictlyMoreThanAPeriod) {
         if (device.sent.size() != before) sent_at.push_back(now - T0_US);
     }
     EXPECT_EQ(sent_at, (std::vector<long>{0, 1500000, 3000000}));
-}
-
-TEST(RFModemHandlerTest, BaseConfigGoesFromTheDeviceToTheModemAtNine) {
-    RecordingNetDevice device(0x31);
-    vostrelka::RFModemHandler(&device, 2, 20.0f, 44).update(T0_US);
-    // id 1 | size 9 (LE) | addr (LE) | power (float LE) | channel
-    EXPECT_EQ(
-        device.sent,
-        (std::vector<RecordedFrame>{{14, 0x31, 9, {0x01, 0x09, 0, 0, 0, 0x02, 0, 0, 0, 0x00, 0x00, 0xA0, 0x41, 44}}}));
+    EXPECT_EQ(device.sent[0],
+              (RecordedFrame{14, 0x31, 9, {0x01, 0x09, 0, 0, 0, 0x02, 0, 0, 0, 0x00, 0x00, 0xA0, 0x41, 44}}));
 }
 
 }  // namespace

@@ -16,20 +16,15 @@ namespace {
 
 // A "udp" datagram: proto_id | src | dst | payload.
 Bytes datagram(const Frame& frame) {
-    Bytes bytes(3 + frame.payload.size());
-    bytes[0] = frame.proto_id;
-    bytes[1] = frame.src;
-    bytes[2] = frame.dst;
-    std::copy(frame.payload.begin(), frame.payload.end(), bytes.begin() + 3);
+    Bytes bytes{frame.proto_id, frame.src, frame.dst};
+    bytes.insert(bytes.end(), frame.payload.begin(), frame.payload.end());
     return bytes;
 }
 
 // One device on a link of the gate, played by the test: behind a UDP socket
 // or at the far end of a serial line (`pty`); serial framing except on "udp".
 struct Link {
-    explicit Link(uint16_t gate_port_, bool framed_ = true, PtyPair* pty_ = nullptr)
-        : gate_port(gate_port_), framed(framed_), pty(pty_) {}
-
+    Link(uint16_t port, bool framed_, PtyPair* pty_ = nullptr) : gate_port(port), framed(framed_), pty(pty_) {}
     uint16_t gate_port;
     bool framed;
     PtyPair* pty;
@@ -83,7 +78,7 @@ protected:
     TempDir dir;
     PtyPair line;
     Link udp{free_udp_port(), false};
-    Link udpserial{free_udp_port()};
+    Link udpserial{free_udp_port(), true};
     Link serial{0, true, &line};
     uint16_t manet_port = free_udp_port();
     Link gateway{manet_port, false};
@@ -91,7 +86,7 @@ protected:
 };
 
 TEST_F(GateTrafficTest, FramesCrossBetweenEveryPairOfLinksAndBroadcastsReachEveryOtherPeerOnce) {
-    Link udp_too(udp.gate_port, false);
+    Link udp_too{udp.gate_port, false};
     const std::vector<std::tuple<Link*, uint8_t, std::string>> devices = {
         {&udp, 0x0A, "add local peer on iface 1: 0x0A / " + udp.udp.address()},
         // A "udpserial" device keeps the sender's socket address but not its text.

@@ -23,7 +23,6 @@ TEST(NoAllocation, CanDeviceSendsAndReceivesInPlace) {
     Counting handler;
     receiver.set_handler(&handler);
     sender.written.reserve(4096);
-    sender.write_calls.reserve(4096);
     int refused = 0;
     test_support::AllocationCounter counter;
     for (size_t size : {size_t{0}, size_t{8}, size_t{9}, size_t{20}, payload.size()})

@@ -1,7 +1,8 @@
 #pragma once
 // Counts heap allocations from its construction until stop(). Including this
 // header REPLACES the global allocation functions of the whole binary, so
-// only one file of a test binary of its own may include it.
+// only one file of a test binary of its own may include it. The library's
+// own array, nothrow and sized forms forward to these two.
 #include <atomic>
 #include <cstdlib>
 #include <new>
@@ -17,42 +18,23 @@ struct AllocationCounter {
     uint64_t stop() { return allocation_counting = false, allocation_count.load(); }
 };
 
-inline void* counted_malloc(std::size_t size) {
-    if (allocation_counting.load(std::memory_order_relaxed)) allocation_count.fetch_add(1, std::memory_order_relaxed);
-    return std::malloc(size == 0 ? 1 : size);
-}
-
 }  // namespace test_support
 
-// Memory from these operator new comes from malloc, so free is the right
+// Memory from this operator new comes from malloc, so free is the right
 // release; g++ cannot see that through the replacement and would warn.
 #if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wmismatched-new-delete"
 #endif
 void* operator new(std::size_t size) {
-    if (void* memory = test_support::counted_malloc(size)) return memory;
+    if (test_support::allocation_counting.load(std::memory_order_relaxed)) test_support::allocation_count++;
+    if (void* memory = std::malloc(size == 0 ? 1 : size)) return memory;
     throw std::bad_alloc();
-}
-void* operator new[](std::size_t size) {
-    return operator new(size);
-}
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    return test_support::counted_malloc(size);
-}
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-    return test_support::counted_malloc(size);
 }
 void operator delete(void* memory) noexcept {
     std::free(memory);
 }
-void operator delete[](void* memory) noexcept {
-    std::free(memory);
-}
 void operator delete(void* memory, std::size_t) noexcept {
-    std::free(memory);
-}
-void operator delete[](void* memory, std::size_t) noexcept {
     std::free(memory);
 }
 #if defined(__GNUC__) && !defined(__clang__)

@@ -13,22 +13,6 @@
 
 namespace test_support {
 
-// Starts `binary` with standard input (unless -1), output and error on `in`,
-// `out` and `err`; every other descriptor of the test stays here.
-inline pid_t spawn(const std::string& binary, const std::vector<std::string>& args, int in, int out, int err) {
-    std::vector<char*> argv{const_cast<char*>(binary.c_str())};
-    for (const auto& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-    argv.push_back(nullptr);
-    const pid_t pid = fork();
-    if (pid != 0) return pid;
-    if (in >= 0) dup2(in, STDIN_FILENO);
-    dup2(out, STDOUT_FILENO);
-    dup2(err, STDERR_FILENO);
-    for (int fd = STDERR_FILENO + 1; fd < 1024; fd++) close(fd);
-    execv(binary.c_str(), argv.data());
-    _exit(127);
-}
-
 // A pipe read by `reader`; returns the write end.
 inline int pipe_into(std::unique_ptr<LinePipe>& reader) {
     int ends[2];
@@ -37,8 +21,33 @@ inline int pipe_into(std::unique_ptr<LinePipe>& reader) {
     return ends[1];
 }
 
-inline bool ended(const LinePipe::Seen& seen) {
-    return seen.ended;
+// Starts `binary` with standard input (unless -1), output and error on `in`,
+// `out` and `err`, which it closes here; every other descriptor of the test stays here.
+inline pid_t spawn(const std::string& binary, const std::vector<std::string>& args, int in, int out, int err) {
+    std::vector<char*> argv{const_cast<char*>(binary.c_str())};
+    for (const auto& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
+    argv.push_back(nullptr);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        if (in >= 0) dup2(in, STDIN_FILENO);
+        dup2(out, STDOUT_FILENO), dup2(err, STDERR_FILENO);
+        for (int fd = STDERR_FILENO + 1; fd < 1024; fd++) close(fd);
+        execv(binary.c_str(), argv.data());
+        _exit(127);
+    }
+    for (int fd : {in, out, err == out ? -1 : err}) {
+        if (fd > STDERR_FILENO) close(fd);
+    }
+    return pid;
+}
+
+// The exit status, or 128 + the signal number, once `output` has ended.
+inline std::optional<int> reap(pid_t pid, LinePipe& output, std::chrono::milliseconds timeout) {
+    int raw = 0;
+    if (!output.wait_for([](const LinePipe::Seen& seen) { return seen.ended; }, timeout) ||
+        waitpid(pid, &raw, 0) != pid)
+        return std::nullopt;
+    return WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
 }
 
 // A program left running while the test talks to it. Its standard output
@@ -46,14 +55,12 @@ inline bool ended(const LinePipe::Seen& seen) {
 // destructor kills it if it still runs.
 class GateProcess {
 public:
-    static constexpr std::chrono::milliseconds DEFAULT_WAIT{5000};
+    using Wait = std::chrono::milliseconds;
 
-    // gate_binary() with `args` (without the program name).
     explicit GateProcess(const std::vector<std::string>& args) : GateProcess(gate_binary(), args, false) {}
     GateProcess(const std::string& binary, const std::vector<std::string>& args, bool with_stderr) {
         const int out = pipe_into(output);
         child = spawn(binary, args, -1, out, with_stderr ? out : STDERR_FILENO);
-        close(out);
     }
     ~GateProcess() {
         if (!status) kill(child, SIGKILL), waitpid(child, nullptr, 0);
@@ -62,37 +69,30 @@ public:
     // Consumes lines until one satisfies `match` and returns it; empty when
     // none did before the deadline or the end of the output.
     std::optional<std::string> wait_for(const std::function<bool(const std::string&)>& match,
-                                        std::chrono::milliseconds timeout = DEFAULT_WAIT) {
+                                        Wait timeout = Wait(5000)) {
         std::optional<std::string> found;
         output->wait_for(
             [&](const LinePipe::Seen& seen) {
-                while (!found && consumed < seen.lines.size()) {
+                for (; !found && consumed < seen.lines.size(); consumed++) {
                     if (match(seen.lines[consumed].text)) found = seen.lines[consumed].text;
-                    consumed++;
                 }
                 return found || seen.ended;
             },
             timeout);
         return found;
     }
-    bool wait_for_line(const std::string& exact, std::chrono::milliseconds timeout = DEFAULT_WAIT) {
+    bool wait_for_line(const std::string& exact, Wait timeout = Wait(5000)) {
         return wait_for([&](const std::string& line) { return line == exact; }, timeout).has_value();
     }
-    std::optional<std::string> wait_for_prefix(const std::string& prefix,
-                                               std::chrono::milliseconds timeout = DEFAULT_WAIT) {
+    std::optional<std::string> wait_for_prefix(const std::string& prefix, Wait timeout = Wait(5000)) {
         return wait_for([&](const std::string& line) { return line.rfind(prefix, 0) == 0; }, timeout);
     }
-    // Waits for the end of the output and the exit: the exit status, or 128 +
-    // the signal number; empty when the process still runs at the deadline.
-    std::optional<int> wait_exit(std::chrono::milliseconds timeout = DEFAULT_WAIT) {
-        int raw = 0;
-        if (!status && output->wait_for(ended, timeout) && waitpid(child, &raw, 0) == child) {
-            status = WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
-        }
+    // Empty when the process still runs at the deadline.
+    std::optional<int> wait_exit(Wait timeout = Wait(5000)) {
+        if (!status) status = reap(child, *output, timeout);
         return status;
     }
 
-    // Every line read so far, and the same as one text.
     std::vector<std::string> lines() {
         std::vector<std::string> texts;
         for (auto& line : output->snapshot().lines) texts.push_back(std::move(line.text));
@@ -109,11 +109,8 @@ private:
 };
 
 struct ProcessResult {
-    std::string out;       // standard output
-    std::string err;       // standard error
-    bool exited = false;   // ended by exit(), not by a signal
-    int exit_status = -1;  // when exited
-    int signal = 0;        // when killed by a signal
+    std::string out, err;
+    int exit_status = -1;  // or 128 + the signal number
 };
 
 // Runs `program` with `args` to its end, with `input` (at most a pipe's 64
@@ -123,30 +120,19 @@ inline ProcessResult run_process_with_input(const std::string& program, const st
     int in[2];
     std::unique_ptr<LinePipe> out, err;
     if (pipe2(in, O_CLOEXEC) != 0) std::abort();
-    const int out_end = pipe_into(out), err_end = pipe_into(err);
-    const pid_t pid = spawn(program, args, in[0], out_end, err_end);
-    for (int fd : {in[0], out_end, err_end}) close(fd);
-    // A program that ends before reading its input must not end the test.
-    signal(SIGPIPE, SIG_IGN);
+    const pid_t pid = spawn(program, args, in[0], pipe_into(out), pipe_into(err));
+    signal(SIGPIPE, SIG_IGN);  // a program that ends before reading its input must not end the test
     if (write(in[1], input.data(), input.size()) != static_cast<ssize_t>(input.size())) kill(pid, SIGKILL);
     close(in[1]);
-    if (!out->wait_for(ended, std::chrono::milliseconds(timeout_ms))) kill(pid, SIGKILL);
-
     ProcessResult result;
-    int raw = 0;
-    waitpid(pid, &raw, 0);
-    result.exited = WIFEXITED(raw);
-    if (result.exited) result.exit_status = WEXITSTATUS(raw);
-    if (WIFSIGNALED(raw)) result.signal = WTERMSIG(raw);
+    auto status = reap(pid, *out, std::chrono::milliseconds(timeout_ms));
+    if (!status) kill(pid, SIGKILL), status = reap(pid, *out, std::chrono::seconds(5));
+    result.exit_status = status.value_or(-1);
     for (auto [pipe, text] : {std::pair{out.get(), &result.out}, std::pair{err.get(), &result.err}}) {
-        pipe->wait_for(ended, std::chrono::seconds(5));  // it has ended, but perhaps not been read to the end
+        pipe->wait_for([](const LinePipe::Seen& seen) { return seen.ended; }, std::chrono::seconds(5));
         *text = pipe->snapshot().text;
     }
     return result;
-}
-inline ProcessResult run_process(const std::string& program, const std::vector<std::string>& args,
-                                 int timeout_ms = 10000) {
-    return run_process_with_input(program, args, "", timeout_ms);
 }
 
 }  // namespace test_support

@@ -37,16 +37,16 @@ struct InProcessGate {
     vostrelka::Gate::Interface& iface(uint32_t id) { return gate.ifaces.at(id); }
 };
 
-// A MANet packet: src_addr and dst_addr (32-bit little-endian), kind, flag,
-// then `data`.
-inline std::vector<uint8_t> manet_payload(uint32_t src_addr, uint32_t dst_addr, std::vector<uint8_t> data = {},
-                                          uint8_t kind = 0, uint8_t flag = 0) {
-    std::vector<uint8_t> bytes;
-    for (uint32_t value : {src_addr, dst_addr}) {
-        for (int shift = 0; shift < 32; shift += 8) bytes.push_back(static_cast<uint8_t>(value >> shift));
-    }
-    bytes.push_back(kind);
-    bytes.push_back(flag);
+// Appends the `size` lowest bytes of `value`, least significant first.
+inline void put_le(Bytes& out, uint64_t value, size_t size) {
+    for (size_t i = 0; i < size; i++) out.push_back(static_cast<uint8_t>(value >> (8 * i)));
+}
+
+// A MANet packet: src_addr (4, LE) | dst_addr (4, LE) | kind | flag | data
+inline Bytes manet_payload(uint32_t src_addr, uint32_t dst_addr, Bytes data = {}, uint8_t kind = 0, uint8_t flag = 0) {
+    Bytes bytes;
+    put_le(bytes, src_addr, 4), put_le(bytes, dst_addr, 4);
+    bytes.push_back(kind), bytes.push_back(flag);
     bytes.insert(bytes.end(), data.begin(), data.end());
     return bytes;
 }

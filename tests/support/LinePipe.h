@@ -34,8 +34,7 @@ public:
     explicit LinePipe(int read_fd) : reader([this, read_fd] { read_all(read_fd); }) {}
     ~LinePipe() { reader.join(); }  // the writers must have closed the pipe
 
-    // Waits until `done` holds for what was read, or the timeout passes;
-    // returns whether it held.
+    // Whether `done` held for what was read before the timeout passed.
     bool wait_for(const std::function<bool(const Seen&)>& done, std::chrono::milliseconds timeout) {
         std::unique_lock<std::mutex> lock(mutex);
         return changed.wait_for(lock, timeout, [&] { return done(seen); });
@@ -52,17 +51,12 @@ private:
         for (ssize_t n; (n = read(fd, buffer, sizeof(buffer))) > 0 || (n < 0 && errno == EINTR);) {
             std::lock_guard<std::mutex> lock(mutex);
             for (ssize_t i = 0; i < n; ++i) {
-                if (buffer[i] == MARK) {
-                    seen.marks++;
-                    continue;
-                }
-                seen.text.push_back(buffer[i]);
-                if (buffer[i] != '\n') {
-                    partial.push_back(buffer[i]);
-                    continue;
-                }
-                seen.lines.push_back({std::move(partial), vostrelka::time_us()});
-                partial.clear();
+                const char c = buffer[i];
+                if (c == MARK) seen.marks++;
+                if (c == MARK) continue;
+                seen.text.push_back(c);
+                if (c != '\n') partial.push_back(c);
+                if (c == '\n') seen.lines.push_back({std::move(partial), vostrelka::time_us()}), partial.clear();
             }
             changed.notify_all();
         }

@@ -29,7 +29,6 @@ inline uint16_t bound_port_of(int fd) {
     return getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &size) == 0 ? ntohs(addr.sin_port) : 0;
 }
 
-// Waits until `fd` is readable; false after `timeout_ms`.
 inline bool wait_readable(int fd, int timeout_ms = 1000) {
     pollfd entry{fd, POLLIN, 0};
     return poll(&entry, 1, timeout_ms) == 1;
@@ -56,23 +55,14 @@ public:
     // The next datagram, or nothing once `timeout_ms` has passed.
     std::optional<Bytes> receive(int timeout_ms = 1000) {
         Bytes buffer(65507);  // largest UDP payload over IPv4
-        sockaddr_in sender{};
-        socklen_t sender_size = sizeof(sender);
-        const ssize_t n = wait_readable(socket_fd, timeout_ms)
-                              ? recvfrom(socket_fd, buffer.data(), buffer.size(), 0,
-                                         reinterpret_cast<sockaddr*>(&sender), &sender_size)
-                              : -1;
+        const ssize_t n = wait_readable(socket_fd, timeout_ms) ? recv(socket_fd, buffer.data(), buffer.size(), 0) : -1;
         if (n < 0) return std::nullopt;
-        sender_port = ntohs(sender.sin_port);
         buffer.resize(static_cast<size_t>(n));
         return buffer;
     }
-    // Port of the sender of the last datagram received.
-    uint16_t last_sender_port() const { return sender_port; }
 
 private:
     int socket_fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    uint16_t sender_port = 0;
 };
 
 // A port that nothing is bound to right now. The socket that found it is

@@ -2,6 +2,7 @@
 // Frames kept by value for tests to compare: what a handler was given, what
 // a device was asked to send, what a serial byte stream carried.
 #include <ostream>
+#include <tuple>
 #include <vector>
 
 #include "vostrelka/net_device/NetDevice.h"
@@ -18,9 +19,8 @@ struct RecordedFrame {
     uint8_t dst;
     Bytes payload;
 
-    bool operator==(const RecordedFrame& o) const {
-        return proto_id == o.proto_id && src == o.src && dst == o.dst && payload == o.payload;
-    }
+    auto fields() const { return std::tie(proto_id, src, dst, payload); }
+    bool operator==(const RecordedFrame& o) const { return fields() == o.fields(); }
 };
 
 inline std::ostream& operator<<(std::ostream& out, const RecordedFrame& frame) {

@@ -1,6 +1,5 @@
 #pragma once
-// Where this build tree put the programs, and the source tree's tests/
-// folder (fixtures, corpora); the build defines them.
+// Where this build tree put the programs; the build defines them.
 #include <string>
 
 namespace test_support {
@@ -10,9 +9,6 @@ inline std::string gate_binary() {
 }
 inline std::string gatecat_binary() {
     return GATECAT_BINARY_PATH;
-}
-inline std::string source_dir() {
-    return TEST_SOURCE_DIR;
 }
 
 }  // namespace test_support
