@@ -58,6 +58,7 @@ public:
         }
         return out;
     }
+    std::vector<uint8_t> read_master_available() { return read_master(SIZE_MAX, Wait(0)); }
 
 private:
     // Only after EAGAIN or EINTR: whether `events` came before the deadline.
@@ -91,8 +92,8 @@ public:
             pollfd masters[2] = {{a.master, POLLIN, 0}, {b.master, POLLIN, 0}};
             while (!stop) {
                 if (poll(masters, 2, 20) <= 0) continue;  // looks at `stop` at least every 20 ms
-                if (masters[0].revents & POLLIN) b.write_master(a.read_master(SIZE_MAX, Wait(0)));
-                if (masters[1].revents & POLLIN) a.write_master(b.read_master(SIZE_MAX, Wait(0)));
+                if (masters[0].revents & POLLIN) b.write_master(a.read_master_available());
+                if (masters[1].revents & POLLIN) a.write_master(b.read_master_available());
             }
         });
     }
@@ -103,7 +104,6 @@ public:
     const std::string& path_b() const { return b.slave_path(); }
 
 private:
-    using Wait = PtyPair::Wait;
     PtyPair a, b;
     std::atomic<bool> stop{false};
     std::thread worker;
