@@ -95,6 +95,8 @@ public:
     [[noreturn]] void loop();
     void run_once(int64_t max_wait_us = MAX_SELECT_WAIT_US);
     void check_serial_port();
+    void age_learned_links(int64_t now);
+    void collect_resolutions();
     void check_serial_port(net_device::NetDeviceFactory::SerialPortDeviceInfo& record);
 
     // Routing.

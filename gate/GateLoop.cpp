@@ -93,27 +93,22 @@ void Gate::run_once(int64_t max_wait_us) {
     const long now = time_us();
     for (auto& handler : handlers) handler->update(now);
 
+    age_learned_links(now);
+    collect_resolutions();
+}
+
+// Links learned from local traffic go when the node falls silent; links on
+// other interfaces never age.
+void Gate::age_learned_links(int64_t now) {
     for (auto links_it = manet_peers.begin(); links_it != manet_peers.end();) {
         std::vector<MANetPeer>& links = links_it->second;
         for (size_t i = 0; i < links.size();) {
             MANetPeer& link = links[i];
-            if (link.iface->type == LOCAL) {
-                // Links learned from local traffic go when the node falls silent.
-                if (static_cast<int64_t>(link.last_seen) + PEER_TIMEOUT_US < now) {
-                    debug("Remove MANet peer on iface %u, last seen %lu: %s", link.iface->id,
-                          static_cast<unsigned long>(link.last_seen), full_addr_s_manet(links_it->first, link).c_str());
-                    links.erase(links.begin() + static_cast<std::ptrdiff_t>(i));
-                    continue;
-                }
-            } else if (link.resolver && !link.inet_addr && link.resolver->finished()) {
-                // A lookup that finished without an answer leaves the link
-                // unresolved for good; it is not restarted.
-                std::optional<InetAddress> resolved = link.resolver->get_resolved_address();
-                if (resolved) {
-                    link.inet_addr = std::move(resolved);
-                    debug("MANet peer on iface %u retrieved addrinfo '%s': '%s'", link.iface->id,
-                          link.resolver->to_s().c_str(), link.inet_addr->to_s().c_str());
-                }
+            if (link.iface->type == LOCAL && static_cast<int64_t>(link.last_seen) + PEER_TIMEOUT_US < now) {
+                debug("Remove MANet peer on iface %u, last seen %lu: %s", link.iface->id,
+                      static_cast<unsigned long>(link.last_seen), full_addr_s_manet(links_it->first, link).c_str());
+                links.erase(links.begin() + static_cast<std::ptrdiff_t>(i));
+                continue;
             }
             ++i;
         }
@@ -123,6 +118,22 @@ void Gate::run_once(int64_t max_wait_us) {
             links_it = manet_peers.erase(links_it);
         } else {
             ++links_it;
+        }
+    }
+}
+
+// Finished name lookups give their links a socket address. A lookup that
+// finished without an answer leaves the link unresolved for good; it is not
+// restarted.
+void Gate::collect_resolutions() {
+    for (auto& entry : manet_peers) {
+        for (MANetPeer& link : entry.second) {
+            if (link.iface->type == LOCAL || !link.resolver || link.inet_addr || !link.resolver->finished()) continue;
+            std::optional<InetAddress> resolved = link.resolver->get_resolved_address();
+            if (!resolved) continue;
+            link.inet_addr = std::move(resolved);
+            debug("MANet peer on iface %u retrieved addrinfo '%s': '%s'", link.iface->id,
+                  link.resolver->to_s().c_str(), link.inet_addr->to_s().c_str());
         }
     }
 }
