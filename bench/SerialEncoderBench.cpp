@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "vostrelka/ProtoIds.h"
 #include "vostrelka/net_device/SerialEncoder.h"
 
 using vostrelka::ConstSlice;
@@ -27,7 +28,7 @@ struct CountingHandler : SerialEncoderHandlerI {
 struct Codec {
     explicit Codec(size_t payload_size) : payload(payload_size) {
         for (size_t i = 0; i < payload_size; ++i) payload[i] = static_cast<uint8_t>(i * 31 + 7);
-        frame.proto_id = 10;
+        frame.proto_id = vostrelka::MANET_PROTO_ID;
         frame.src = 1;
         frame.dst = 2;
         frame.payload = ConstSlice<unsigned char>(payload.data(), payload.size());

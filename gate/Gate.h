@@ -40,10 +40,6 @@ public:
     static constexpr uint8_t LOCAL = 0;
     static constexpr uint8_t MANET = 1;
 
-    static constexpr uint8_t SERVICE_PROTO_ID = 8;
-    static constexpr uint8_t MANET_PROTO_ID = 10;
-    static constexpr uint8_t RFMODEM_PROTO_ID = 14;
-
     static constexpr int64_t MAX_SELECT_WAIT_US = 5000000;
     static constexpr int64_t PEER_TIMEOUT_US = 10000000;
     static constexpr size_t MAX_EVENT_LOOP_ENTRIES = 32;

@@ -2,9 +2,10 @@
 // on where its destination requires. Log text is built only when the level
 // lets it through.
 #include "Gate.h"
-#include "MAPacket.h"
 #include "SameAddress.h"
+#include "vostrelka/ProtoIds.h"
 #include "vostrelka/debug.h"
+#include "vostrelka/manet/MAPacket.h"
 #include "vostrelka/net_device_udp/NetDeviceUDP.h"
 
 namespace vostrelka {

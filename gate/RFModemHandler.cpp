@@ -1,5 +1,7 @@
 #include "RFModemHandler.h"
 
+#include "vostrelka/ProtoIds.h"
+
 namespace vostrelka {
 
 RFModemHandler::RFModemHandler(net_device::NetDevice* device_, uint32_t addr, float power, uint8_t channel)

@@ -21,7 +21,6 @@ namespace vostrelka {
 class RFModemHandler : public RunnerHandler {
 public:
     static constexpr size_t OUTPUT_CAPACITY = 32;
-    static constexpr uint8_t RFMODEM_PROTO_ID = 14;
     static constexpr uint8_t RFMODEM_DST = 9;
     static constexpr int64_t PERIOD_US = 1000000;
 

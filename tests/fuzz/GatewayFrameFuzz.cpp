@@ -17,6 +17,7 @@
 #include "Gate.h"
 #include "support/UdpEndpoint.h"
 #include "support/frame_recorder.h"
+#include "vostrelka/ProtoIds.h"
 #include "vostrelka/net_device_udp/NetDeviceUDP.h"
 #include "vostrelka/net_device_udp/NetDeviceUDPSerial.h"
 
@@ -103,7 +104,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         // above). In the serial framing the proto_id has no fixed place, so
         // that gateway takes no "udpserial" datagrams at all.
         if (pick == 1) return 0;
-        if (device == h.udp.get() && length >= 1 && datagram[0] == Gate::SERVICE_PROTO_ID) return 0;
+        if (device == h.udp.get() && length >= 1 && datagram[0] == vostrelka::SERVICE_PROTO_ID) return 0;
     }
 
     UdpEndpoint& sender = senders[(data[0] >> 3) & (SENDERS - 1)];

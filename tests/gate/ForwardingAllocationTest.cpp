@@ -6,6 +6,7 @@
 #include "support/AllocationCounter.h"
 #include "support/InProcessGate.h"
 #include "support/UdpEndpoint.h"
+#include "vostrelka/ProtoIds.h"
 #include "vostrelka/net_device_udp/NetDeviceUDPSerial.h"
 
 using namespace test_support;
@@ -54,11 +55,11 @@ TEST_F(ForwardingAllocationTest, ForwardsEveryKindOfFrameWithoutTouchingTheHeap)
     const RecordedFrame cases[] = {
         {7, 0x01, 0x02, {0x42, 0x55, 1, 2, 3}},
         {7, 0x01, 0xFF, Bytes(200, 0x55)},
-        {Gate::MANET_PROTO_ID, 0x01, 0xFF, manet_payload(0x0A000001, 0x0A000002, Bytes(40, 0x42))},
+        {vostrelka::MANET_PROTO_ID, 0x01, 0xFF, manet_payload(0x0A000001, 0x0A000002, Bytes(40, 0x42))},
     };
     for (const RecordedFrame& frame : cases) {
         RecordedFrame out = frame;
-        out.dst = frame.proto_id == Gate::MANET_PROTO_ID ? 0x20 : frame.dst;
+        out.dst = frame.proto_id == vostrelka::MANET_PROTO_ID ? 0x20 : frame.dst;
         const Bytes expected = to_serial_bytes(out);
         // The first frame teaches the gate where 0x01 (and the node) lives;
         // that grows the peer tables, which the counter must see.

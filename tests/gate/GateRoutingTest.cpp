@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "support/InProcessGate.h"
+#include "vostrelka/ProtoIds.h"
 #include "vostrelka/Time.h"
 
 using namespace test_support;
@@ -103,16 +104,16 @@ TEST_F(GateRoutingTest, ManetPacketCrossesFromALocalLinkToTheGatewayLinkAndBack)
     link(3, 0x0A000002, 0x42);
     gate.debug_level = 3;
     const Bytes out = manet_payload(0x0B000001, 0x0A000002, {0xDE, 0xAD}, 5, 1);
-    EXPECT_EQ(receive(*serial1, Gate::MANET_PROTO_ID, 0x01, 0xFF, out),
+    EXPECT_EQ(receive(*serial1, vostrelka::MANET_PROTO_ID, 0x01, 0xFF, out),
               (Lines{"recv MANet frame on iface 1: 0x0B000001 / 0x01 -> 0x0A000002 / 0xFF, size=12",
                      "add local peer on iface 1: 0x01", "add MANet peer on iface 1: 0x0B000001 / 0x01",
                      "forw MANet packet to iface 3: 0x0B000001 / 0x01 -> 0x0A000002 / 0x42"}));
-    EXPECT_EQ(manet3->sent, (Frames{{Gate::MANET_PROTO_ID, 0x01, 0x42, out}}));
+    EXPECT_EQ(manet3->sent, (Frames{{vostrelka::MANET_PROTO_ID, 0x01, 0x42, out}}));
 
     const Bytes back = manet_payload(0x0A000002, 0x0B000001, {1, 2, 3});
     gate.debug_level = 0;
-    EXPECT_EQ(receive(*manet3, Gate::MANET_PROTO_ID, 0x42, 0xFF, back), Lines{});
-    EXPECT_EQ(serial1->sent, (Frames{{Gate::MANET_PROTO_ID, 0x42, 0x01, back}}));
+    EXPECT_EQ(receive(*manet3, vostrelka::MANET_PROTO_ID, 0x42, 0xFF, back), Lines{});
+    EXPECT_EQ(serial1->sent, (Frames{{vostrelka::MANET_PROTO_ID, 0x42, 0x01, back}}));
     // Nothing is learned on the gateway link.
     EXPECT_EQ(gate.local_peers.count(0x42), 0u);
     EXPECT_EQ(gate.manet_peers.at(0x0A000002).size(), 1u);
@@ -131,12 +132,12 @@ TEST_F(GateRoutingTest, FramesThatLeadNowhereAreDroppedWithTheirLines) {
     const std::tuple<RecordingNetDevice*, uint8_t, Bytes, int, Lines> cases[] = {
         {manet3.get(), OPAQUE_PROTO, {1}, 1, non_manet},
         // A gateway link accepts MANet traffic only from known gateways.
-        {manet3.get(), Gate::MANET_PROTO_ID, manet_payload(0x0A000009, 0x0B000001), 2, {}},
-        {serial1.get(), Gate::MANET_PROTO_ID, manet_payload(0x0B000001, 0x0B000002), 1, same_type},
-        {serial1.get(), Gate::MANET_PROTO_ID, manet_payload(0x0B000001, 0x0A000009), 1, no_peer},
+        {manet3.get(), vostrelka::MANET_PROTO_ID, manet_payload(0x0A000009, 0x0B000001), 2, {}},
+        {serial1.get(), vostrelka::MANET_PROTO_ID, manet_payload(0x0B000001, 0x0B000002), 1, same_type},
+        {serial1.get(), vostrelka::MANET_PROTO_ID, manet_payload(0x0B000001, 0x0A000009), 1, no_peer},
         // Shorter than its header: not read (a heap block of exactly nine
         // bytes shows a read past it under the address sanitizer).
-        {serial1.get(), Gate::MANET_PROTO_ID, Bytes(header.begin(), header.begin() + 9), 3, {}},
+        {serial1.get(), vostrelka::MANET_PROTO_ID, Bytes(header.begin(), header.begin() + 9), 3, {}},
     };
     for (const auto& [from, proto_id, payload, level, expected] : cases) {
         gate.debug_level = level;
@@ -205,12 +206,12 @@ TEST_F(GateRoutingTest, DeviceConfigIsForwardedThenAddsItsUtmOnceOnEveryManetInt
     bench.add_recording_iface(4, Gate::MANET);
     local(2, 0x05);
     const Bytes config = device_config(0x0A000001);
-    EXPECT_EQ(receive(*serial1, Gate::SERVICE_PROTO_ID, 0x01, 0xFF, config),
+    EXPECT_EQ(receive(*serial1, vostrelka::SERVICE_PROTO_ID, 0x01, 0xFF, config),
               (Lines{"add local peer on iface 1: 0x01",
                      "add MANet peer on iface 3: 0x0A000001 / 0xFF / 127.0.0.1:5000 / UNKNOWN INET ADDR",
                      "add MANet peer on iface 4: 0x0A000001 / 0xFF / 127.0.0.1:5000 / UNKNOWN INET ADDR"}));
-    EXPECT_EQ(serial2->sent, (Frames{{Gate::SERVICE_PROTO_ID, 0x01, 0xFF, config}}));
-    EXPECT_EQ(receive(*serial1, Gate::SERVICE_PROTO_ID, 0x01, 0xFF, config), Lines{});
+    EXPECT_EQ(serial2->sent, (Frames{{vostrelka::SERVICE_PROTO_ID, 0x01, 0xFF, config}}));
+    EXPECT_EQ(receive(*serial1, vostrelka::SERVICE_PROTO_ID, 0x01, 0xFF, config), Lines{});
     EXPECT_EQ(gate.manet_peers.at(0x0A000001).size(), 2u);
 }
 

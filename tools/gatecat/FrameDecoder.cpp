@@ -2,10 +2,11 @@
 
 #include <cstdio>
 
-#include "MAPacket.h"
 #include "gatecat/MessagePrinter.h"
+#include "vostrelka/ProtoIds.h"
 #include "vostrelka/firmware_configurator/metadata.h"
 #include "vostrelka/guarantor/unpack_msgs.h"
+#include "vostrelka/manet/MAPacket.h"
 
 namespace vostrelka {
 namespace gatecat {

@@ -16,10 +16,6 @@
 namespace vostrelka {
 namespace gatecat {
 
-constexpr uint8_t SERVICE_PROTO_ID = 8;
-constexpr uint8_t MANET_PROTO_ID = 10;
-constexpr uint8_t RFMODEM_PROTO_ID = 14;
-
 // The decoded text, empty for an opaque proto_id. A payload that does not
 // hold what its proto_id promises says so in the text ("cut short"); it
 // never reads past the payload.
