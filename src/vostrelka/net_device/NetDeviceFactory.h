@@ -35,15 +35,18 @@ public:
 
     // 0, or -1 when the text is not a description.
     int parse_interface_desc(const std::string& desc, InterfaceDescription& out);
+
+    // The rest is defined by the platform, which knows the devices: this
+    // portable half includes none of their headers.
     // Null (after a log line where one is due) when no device can be made.
     std::unique_ptr<NetDevice> make_net_device(const std::string& desc);
     // For a description without its address: appends "/" and `address`.
     std::unique_ptr<NetDevice> make_net_device(const std::string& desc, unsigned char address);
-
+    // One builder per type; null when the parameters do not fit.
     std::unique_ptr<NetDevice> make_net_device_serial(InterfaceDescription& desc);
     std::unique_ptr<NetDevice> make_net_device_can(InterfaceDescription& desc);
-    template <typename T>
     std::unique_ptr<NetDevice> make_net_device_udp(InterfaceDescription& desc);
+    std::unique_ptr<NetDevice> make_net_device_udpserial(InterfaceDescription& desc);
 
     std::vector<SerialPortDeviceInfo>& serial_ports() { return serial_port_records; }
 

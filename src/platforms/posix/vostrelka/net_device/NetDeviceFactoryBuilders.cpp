@@ -1,0 +1,152 @@
+// The half of NetDeviceFactory that knows this platform's devices: it
+// builds one from a description the portable half has parsed.
+#include <cstdint>
+#include <exception>
+
+#include "vostrelka/InetAddress.h"
+#include "vostrelka/NetDeviceSerial.h"
+#include "vostrelka/SerialPort.h"
+#include "vostrelka/debug.h"
+#include "vostrelka/net_device/NetDeviceFactory.h"
+#include "vostrelka/net_device_can/NetDeviceCan.h"
+#include "vostrelka/net_device_udp/NetDeviceUDP.h"
+#include "vostrelka/net_device_udp/NetDeviceUDPSerial.h"
+
+namespace vostrelka {
+namespace net_device {
+
+namespace {
+
+constexpr unsigned long UDP_BUFFER_SIZE = 2048;
+
+// A port number as typed: unsigned-long rules, then its low 16 bits, so
+// 65537 is port 1. Throws what std::stoul throws.
+uint16_t parse_port(const std::string& text) {
+    return static_cast<uint16_t>(std::stoul(text));
+}
+
+// Listen host and port, then optionally destination host and port. Without
+// a destination the owner sets one before each send.
+template <typename T>
+std::unique_ptr<NetDevice> make_udp_device(const NetDeviceFactory::InterfaceDescription& desc) {
+    if (desc.params.size() != 2 && desc.params.size() != 4) return nullptr;
+    auto device = std::make_unique<T>(UDP_BUFFER_SIZE, static_cast<uint8_t>(desc.address));
+
+    const std::string& host = desc.params[0];
+    uint16_t port = 0;
+    try {
+        port = parse_port(desc.params[1]);
+    } catch (const std::exception& e) {
+        debug("ERROR: parse listen port %s: %s", desc.params[1].c_str(), e.what());
+        return nullptr;
+    }
+    const std::optional<InetAddress> listen_address = InetAddress::from(host, port);
+    if (!listen_address) {
+        debug("ERROR: failed to create inet address from host/port. %s : %u", host.c_str(),
+              static_cast<unsigned int>(port));
+        return nullptr;
+    }
+    if (!device->create_socket(*listen_address)) {
+        debug("ERROR: create socket on address %s:%u", host.c_str(), static_cast<unsigned int>(port));
+        return nullptr;
+    }
+
+    if (desc.params.size() == 4) {
+        const std::string& dest_host = desc.params[2];
+        uint16_t dest_port = 0;
+        try {
+            dest_port = parse_port(desc.params[3]);
+        } catch (const std::exception& e) {
+            debug("ERROR: parse destination port %s: %s", desc.params[3].c_str(), e.what());
+            return nullptr;
+        }
+        const std::optional<InetAddress> destination = InetAddress::from(dest_host, dest_port);
+        if (!destination) {
+            debug("ERROR: failed to create destination address from %s : %u", dest_host.c_str(),
+                  static_cast<unsigned int>(dest_port));
+            return nullptr;
+        }
+        device->set_destination_address(*destination);
+    }
+    return device;
+}
+
+}  // namespace
+
+std::unique_ptr<NetDevice> NetDeviceFactory::make_net_device(const std::string& desc) {
+    InterfaceDescription parsed;
+    if (parse_interface_desc(desc, parsed) != 0) {
+        debug("ERROR: invalid interface description");
+        return nullptr;
+    }
+    if (parsed.type == "can") return make_net_device_can(parsed);
+    if (parsed.type == "serial") return make_net_device_serial(parsed);
+    if (parsed.type == "udp") return make_net_device_udp(parsed);
+    if (parsed.type == "udpserial") return make_net_device_udpserial(parsed);
+    debug("ERROR: unsupported interface type \"%s\", supported types: serial, can, udp, udpserial",
+          parsed.type.c_str());
+    return nullptr;
+}
+
+std::unique_ptr<NetDevice> NetDeviceFactory::make_net_device(const std::string& desc, unsigned char address) {
+    return make_net_device(desc + "/" + std::to_string(static_cast<int>(address)));
+}
+
+// A port that fails to open still gets its device and its record: the main
+// loop reopens it when the path appears.
+std::unique_ptr<NetDevice> NetDeviceFactory::make_net_device_serial(InterfaceDescription& desc) {
+    if (desc.params.size() != 2 && desc.params.size() != 3) return nullptr;
+    const std::string& path = desc.params[0];
+
+    int stop_bits = 1;
+    if (desc.params.size() == 3) {
+        try {
+            stop_bits = std::stoi(desc.params[2]);
+        } catch (const std::exception& e) {
+            debug("ERROR: parse serial stop bits: %s", e.what());
+            return nullptr;
+        }
+    }
+
+    long baud_rate = 0;
+    try {
+        baud_rate = std::stol(desc.params[1]);
+    } catch (const std::exception& e) {
+        debug("ERROR: parse serial baudrate: %s", e.what());
+        return nullptr;
+    }
+
+    auto port = std::make_shared<drivers::SerialPort>();
+    if (port->open(path.c_str()) != 0) {
+        debug("ERROR: open serial port: %s", path.c_str());
+    } else if (port->configure(
+                   static_cast<unsigned int>(baud_rate), drivers::SerialPort::Parity::NONE,
+                   stop_bits == 2 ? drivers::SerialPort::StopBits::TWO : drivers::SerialPort::StopBits::ONE) != 0) {
+        debug("ERROR: set serial port baudrate to %i and stop bits to %i", static_cast<int>(baud_rate), stop_bits);
+    }
+
+    serial_port_records.push_back(SerialPortDeviceInfo{port, stop_bits, baud_rate, path});
+    return std::make_unique<NetDeviceSerialAlloc<2048, 2048>>(*port, static_cast<uint8_t>(desc.address));
+}
+
+std::unique_ptr<NetDevice> NetDeviceFactory::make_net_device_can(InterfaceDescription& desc) {
+    if (desc.params.size() != 1) return nullptr;
+    const std::string& ifname = desc.params[0];
+    auto device = std::make_unique<NetDeviceCanAlloc<16, 2048, 512>>(ifname, static_cast<uint8_t>(desc.address));
+    if (device->open() != 0) {
+        debug("ERROR: failed to open CAN device: %s", ifname.c_str());
+        return nullptr;
+    }
+    return device;
+}
+
+std::unique_ptr<NetDevice> NetDeviceFactory::make_net_device_udp(InterfaceDescription& desc) {
+    return make_udp_device<NetDeviceUDP>(desc);
+}
+
+std::unique_ptr<NetDevice> NetDeviceFactory::make_net_device_udpserial(InterfaceDescription& desc) {
+    return make_udp_device<NetDeviceUDPSerial>(desc);
+}
+
+}  // namespace net_device
+}  // namespace vostrelka
