@@ -1,89 +1,31 @@
 // The gateway's one thread of work: wait for the devices, let them read
 // and deliver, then the periodic chores of a pass.
-#include <sys/select.h>
 #include <sys/stat.h>
 
 #include <cerrno>
 
 #include "Gate.h"
 #include "RunnerHandler.h"
+#include "vostrelka/SelectPass.h"
 #include "vostrelka/SerialPort.h"
 #include "vostrelka/Time.h"
 #include "vostrelka/debug.h"
 
 namespace vostrelka {
 
-namespace {
-constexpr int SELECT_FD_LIMIT = 1024;
-constexpr int64_t US_PER_S = 1000000;
-
-void log_select_error(int error) {
-    constexpr const char* TAG = "EventProcessor";
-    switch (error) {
-        case EBADF:
-            debug_tagged(TAG, "ERROR: bad file descriptor!");
-            break;
-        case EINTR:
-            debug_tagged(TAG, "ERROR: unblocked signal!");
-            break;
-        case EINVAL:
-            debug_tagged(TAG, "ERROR: wrong argument!");
-            break;
-        case ENOMEM:
-            debug_tagged(TAG, "ERROR: no memory!");
-            break;
-        default:
-            debug_tagged(TAG, "ERROR: unexpected select error %d", error);
-            break;
-    }
-}
-}  // namespace
-
 void Gate::loop() {
     for (;;) run_once();
 }
 
 void Gate::run_once(int64_t max_wait_us) {
-    event_system::FdSets sets;
-
-    // The timer that counts is the LAST entry's that has one, not the
-    // earliest. Deliberate; devices are written around it.
-    event_system::EventLoopEntry* timer_entry = nullptr;
-    int64_t deadline = 0;
-    for (event_system::EventLoopEntry* entry : event_loop_entries) {
-        sets.add(*entry);
-        if (entry->timer_deadline != 0) {
-            timer_entry = entry;
-            deadline = entry->timer_deadline;
-        }
-    }
-
-    int64_t wait_us = MAX_SELECT_WAIT_US;
-    if (timer_entry != nullptr) {
-        const int64_t until_deadline_us = deadline - time_us();
-        if (until_deadline_us < MAX_SELECT_WAIT_US) wait_us = until_deadline_us < 0 ? 0 : until_deadline_us;
-    }
-    if (wait_us > max_wait_us) wait_us = max_wait_us;
-    timeval wait{};
-    wait.tv_sec = static_cast<time_t>(wait_us / US_PER_S);
-    wait.tv_usec = static_cast<suseconds_t>(wait_us % US_PER_S);
-
-    // The exception set is deliberately not given to select(): an entry that
-    // put its descriptor there is told "exception" in every pass in which
-    // anything was ready.
-    const int ready = select(SELECT_FD_LIMIT, &sets.read_set, &sets.write_set, nullptr, &wait);
+    event_system::SelectPass pass(event_loop_entries.begin(), event_loop_entries.size);
+    const int ready = pass.wait(max_wait_us < MAX_SELECT_WAIT_US ? max_wait_us : MAX_SELECT_WAIT_US);
     if (ready > 0) {
-        for (event_system::EventLoopEntry* entry : event_loop_entries) {
-            const uint8_t events = sets.events_of(*entry);
-            if (events != 0) entry->on_event(events);
-        }
+        pass.deliver();
     } else if (ready < 0) {
-        log_select_error(errno);
+        event_system::log_select_error(errno);
     }
-
-    if (timer_entry != nullptr && timer_entry->overrides_on_timer() && time_us() >= deadline) {
-        timer_entry->on_timer(deadline);
-    }
+    pass.run_due_timer();
 
     check_serial_port();
 
@@ -132,8 +74,8 @@ void Gate::collect_resolutions() {
             std::optional<InetAddress> resolved = link.resolver->get_resolved_address();
             if (!resolved) continue;
             link.inet_addr = std::move(resolved);
-            debug("MANet peer on iface %u retrieved addrinfo '%s': '%s'", link.iface->id,
-                  link.resolver->to_s().c_str(), link.inet_addr->to_s().c_str());
+            debug("MANet peer on iface %u retrieved addrinfo '%s': '%s'", link.iface->id, link.resolver->to_s().c_str(),
+                  link.inet_addr->to_s().c_str());
         }
     }
 }

@@ -1,7 +1,6 @@
 #pragma once
-// A select() loop over one device, for a tool that has only one: the same
-// contract the gateway's main loop keeps (register_fd, is_fd_set, on_event,
-// on_timer), without the gateway around it.
+// The gateway's select pass (event_system::SelectPass) over one device, for
+// a tool that has only one, without the gateway around it.
 #include <signal.h>
 
 #include <cstdint>

@@ -1,0 +1,76 @@
+#include "vostrelka/SelectPass.h"
+
+#include <cerrno>
+
+#include "vostrelka/Time.h"
+#include "vostrelka/debug.h"
+
+namespace vostrelka {
+namespace event_system {
+
+namespace {
+constexpr int SELECT_FD_LIMIT = 1024;
+constexpr int64_t US_PER_S = 1000000;
+constexpr int64_t NS_PER_US = 1000;
+}  // namespace
+
+SelectPass::SelectPass(EventLoopEntry* const* entries_, size_t count_) : entries(entries_), count(count_) {
+    for (size_t i = 0; i < count; ++i) {
+        EventLoopEntry* entry = entries[i];
+        sets.add(*entry);
+        if (entry->timer_deadline != 0) {
+            timer_entry = entry;
+            deadline = entry->timer_deadline;
+        }
+    }
+}
+
+int SelectPass::wait(int64_t max_wait_us, const sigset_t* wait_mask) {
+    int64_t wait_us = max_wait_us < 0 ? 0 : max_wait_us;
+    // The clock is read only when a timer needs it.
+    if (timer_entry != nullptr) {
+        const int64_t until_deadline_us = deadline - time_us();
+        if (until_deadline_us < wait_us) wait_us = until_deadline_us < 0 ? 0 : until_deadline_us;
+    }
+    timespec wait{};
+    wait.tv_sec = static_cast<time_t>(wait_us / US_PER_S);
+    wait.tv_nsec = static_cast<long>((wait_us % US_PER_S) * NS_PER_US);
+    return pselect(SELECT_FD_LIMIT, &sets.read_set, &sets.write_set, nullptr, &wait, wait_mask);
+}
+
+void SelectPass::deliver() {
+    for (size_t i = 0; i < count; ++i) {
+        const uint8_t events = sets.events_of(*entries[i]);
+        if (events != 0) entries[i]->on_event(events);
+    }
+}
+
+void SelectPass::run_due_timer() {
+    if (timer_entry != nullptr && timer_entry->overrides_on_timer() && time_us() >= deadline) {
+        timer_entry->on_timer(deadline);
+    }
+}
+
+void log_select_error(int error) {
+    constexpr const char* TAG = "EventProcessor";
+    switch (error) {
+        case EBADF:
+            debug_tagged(TAG, "ERROR: bad file descriptor!");
+            break;
+        case EINTR:
+            debug_tagged(TAG, "ERROR: unblocked signal!");
+            break;
+        case EINVAL:
+            debug_tagged(TAG, "ERROR: wrong argument!");
+            break;
+        case ENOMEM:
+            debug_tagged(TAG, "ERROR: no memory!");
+            break;
+        default:
+            debug_tagged(TAG, "ERROR: unexpected select error %d", error);
+            break;
+    }
+}
+
+}  // namespace event_system
+}  // namespace vostrelka

@@ -1,0 +1,48 @@
+#pragma once
+// One pass of a select() loop over a fixed list of entries: the gateway's
+// main loop and gatecat's one-device loop both run it.
+//
+// Deliberate, and devices are written around both:
+// - The timer that counts is the LAST entry's that has one, not the
+//   earliest.
+// - The exception set is not given to select(): an entry that put its
+//   descriptor there is told "exception" in every pass in which anything
+//   was ready.
+#include <signal.h>
+
+#include <cstddef>
+#include <cstdint>
+
+#include "vostrelka/EventLoopEntry.h"
+
+namespace vostrelka {
+namespace event_system {
+
+class SelectPass {
+public:
+    // Collects what `count` entries want watched; nothing is copied, the
+    // entries must outlive the pass.
+    SelectPass(EventLoopEntry* const* entries, size_t count);
+
+    // Waits until a descriptor is ready, the timer is due or `max_wait_us`
+    // has passed. `wait_mask`, when given, is the signal mask while waiting.
+    // What select() returns: the number ready, 0, or -1 with errno set.
+    int wait(int64_t max_wait_us, const sigset_t* wait_mask = nullptr);
+    // After a wait that returned > 0: on_event of every ready entry.
+    void deliver();
+    // on_timer of the timer's entry once its deadline has come.
+    void run_due_timer();
+
+private:
+    EventLoopEntry* const* entries;
+    size_t count;
+    FdSets sets;
+    EventLoopEntry* timer_entry = nullptr;
+    int64_t deadline = 0;
+};
+
+// The error line for a failed wait, by its errno.
+void log_select_error(int error);
+
+}  // namespace event_system
+}  // namespace vostrelka
