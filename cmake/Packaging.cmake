@@ -11,6 +11,10 @@ install(FILES ${CMAKE_SOURCE_DIR}/packaging/man/gate.1 ${CMAKE_SOURCE_DIR}/packa
 # /usr/share/doc, and the examples are meant to be copied to /etc/gate.
 install(DIRECTORY ${CMAKE_SOURCE_DIR}/examples/ DESTINATION ${CMAKE_INSTALL_DATADIR}/gate/examples
         FILES_MATCHING PATTERN "*.json")
+# Wireshark loads every Lua file in its global plugin folder, which Debian
+# keeps under the multiarch library folder.
+install(FILES ${CMAKE_SOURCE_DIR}/packaging/wireshark/gate.lua
+        DESTINATION lib/${CMAKE_LIBRARY_ARCHITECTURE}/wireshark/plugins)
 # systemd looks here for units shipped by packages, whatever the prefix.
 install(FILES ${CMAKE_SOURCE_DIR}/packaging/systemd/gate@.service DESTINATION lib/systemd/system)
 
@@ -21,7 +25,8 @@ set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Net device gateway for serial, CAN and UD
 set(CPACK_PACKAGE_DESCRIPTION
     "gate joins serial lines, SocketCAN buses and UDP sockets to each other and to a MANet of other gateways, \
 learns where each device lives and forwards every frame where its destination requires. gatecat sends and \
-watches frames on the same interfaces.")
+watches frames on the same interfaces, asks a running gateway for its counters, tables and traffic, and writes \
+captures that Wireshark reads with the dissector the package installs.")
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)

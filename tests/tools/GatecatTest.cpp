@@ -41,10 +41,12 @@ struct Invocation {
 TEST(GatecatCommandLine, BadArgumentsFailWithOneLineAndRuntimeFailuresWithStatusOne) {
     const std::string iface = "udp://127.0.0.1:" + std::to_string(free_udp_port()), to_discard = iface + ":127.0.0.1:9";
     const Invocation runs[] = {
-        {EXIT_USAGE, "", "gatecat: missing command (dump or send); try 'gatecat --help'"},
+        {EXIT_USAGE, "", "gatecat: missing command (dump, send, stats, peers or tap); try 'gatecat --help'"},
         {EXIT_USAGE, "--verbose", "gatecat: unknown option '--verbose'; try 'gatecat --help'"},
         {EXIT_USAGE, "dump " + iface + " --count=0",
          "gatecat: dump: --count takes a whole number from 1 to 4294967295, not '0'"},
+        {EXIT_USAGE, "tap -dc", "gatecat: tap: -c needs a value"},
+        {EXIT_USAGE, "peers /run/gate.sock -w x.pcap", "gatecat: peers: unknown option '-w'; try 'gatecat --help'"},
         {EXIT_USAGE, "dump tcp://127.0.0.1:5000",
          "gatecat: dump: unsupported interface type 'tcp'; supported types: serial, can, udp, udpserial"},
         {EXIT_USAGE, "send " + iface + " 07:01>02#AA",
@@ -55,7 +57,11 @@ TEST(GatecatCommandLine, BadArgumentsFailWithOneLineAndRuntimeFailuresWithStatus
          "07:01>02#AA\n\n07:01>02#ZZ\n07:01>02#BB\n"},
         // The device's own reasons come first, then gatecat's line.
         {EXIT_RUNTIME_FAILURE, "dump udp://10.0.0.300:5000", "\ngatecat: dump: cannot open udp://10.0.0.300:5000"},
-        {EXIT_RUNTIME_FAILURE, "dump " + iface + " --count 2 --timeout 0.2",
+        {EXIT_RUNTIME_FAILURE, "stats /nonexistent/gate.sock",
+         "gatecat: stats: cannot connect to /nonexistent/gate.sock: No such file or directory"},
+        {EXIT_RUNTIME_FAILURE, "dump " + iface + " -w /nonexistent/x.pcap",
+         "gatecat: dump: cannot write /nonexistent/x.pcap: No such file or directory"},
+        {EXIT_RUNTIME_FAILURE, "dump " + iface + " -c 2 --timeout 0.2",
          "\ngatecat: 0 frames\ngatecat: dump: 0 of 2 frames before the timeout"},
         {0, "dump " + iface + " --timeout 0.2", "\ngatecat: 0 frames"},
     };
@@ -73,11 +79,14 @@ TEST(GatecatCommandLine, HelpAndVersionPrintOnStandardOutputAndExitZero) {
     const ProcessResult help = gatecat("--help");
     EXPECT_EQ(help.exit_status, 0);
     EXPECT_EQ(help.err, "");
-    EXPECT_NE(help.out.find("gatecat dump IFACE [--decode] [--count N] [--timeout S]"), std::string::npos);
+    EXPECT_NE(help.out.find("gatecat dump IFACE [-d] [-c N] [-t S] [-w FILE]"), std::string::npos);
     EXPECT_EQ(gatecat("dump udp://127.0.0.1:1 -h").out, help.out);
-    const ProcessResult version = gatecat("--version");
-    EXPECT_EQ(version.exit_status, 0);
-    EXPECT_EQ(version.out, std::string(vostrelka::version::SOFTWARE) + "\n");
+    EXPECT_EQ(gatecat("tap --timeout=1 /x --help").out, help.out);
+    for (const char* asked : {"--version", "-V"}) {
+        const ProcessResult version = gatecat(asked);
+        EXPECT_EQ(version.exit_status, 0);
+        EXPECT_EQ(version.out, std::string(vostrelka::version::SOFTWARE) + "\n");
+    }
 }
 
 TEST(GatecatCommandLine, TerminatedDumpStillPrintsItsSummaryAndExitsZero) {
@@ -95,7 +104,7 @@ TEST(GatecatCommandLine, TerminatedDumpStillPrintsItsSummaryAndExitsZero) {
 // frames that `gatecat send` puts out on `from`.
 std::vector<std::string> relay(const std::string& from, const std::string& to, size_t count, const std::string& frames,
                                const std::string& input = "") {
-    GateProcess dump(gatecat_binary(), {"dump", to, "--decode", "--count", std::to_string(count)}, true);
+    GateProcess dump(gatecat_binary(), {"dump", to, "-d", "--count", std::to_string(count)}, true);
     EXPECT_TRUE(dump.wait_for_prefix("gatecat: listening on ")) << dump.log();
     const ProcessResult sent = gatecat("send " + from + " " + frames, input);
     EXPECT_EQ(sent.exit_status, 0) << sent.err;

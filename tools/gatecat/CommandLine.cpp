@@ -3,7 +3,7 @@
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
-#include <string_view>
+#include <cxxopts.hpp>
 
 namespace vostrelka {
 namespace gatecat {
@@ -35,12 +35,48 @@ bool parse_timeout(const std::string& text, int64_t& out_us) {
     return true;
 }
 
+struct CommandName {
+    const char* name;
+    CommandLine::Command command;
+};
+
+constexpr CommandName COMMANDS[] = {
+    {"dump", CommandLine::Command::DUMP},   {"send", CommandLine::Command::SEND},
+    {"stats", CommandLine::Command::STATS}, {"peers", CommandLine::Command::PEERS},
+    {"tap", CommandLine::Command::TAP},
+};
+
+bool watches_frames(CommandLine::Command command) {
+    return command == CommandLine::Command::DUMP || command == CommandLine::Command::TAP;
+}
+
+// The options a command takes: only those, so that an option of another
+// command is refused rather than silently ignored.
+cxxopts::Options options_of(CommandLine::Command command) {
+    cxxopts::Options options("gatecat");
+    options.allow_unrecognised_options();
+    options.add_options()("h,help", "")("V,version", "")("arguments", "", cxxopts::value<std::vector<std::string>>());
+    if (watches_frames(command)) {
+        options.add_options()("d,decode", "")("c,count", "", cxxopts::value<std::string>())(
+            "t,timeout", "", cxxopts::value<std::string>())("w,write", "", cxxopts::value<std::string>());
+    }
+    options.parse_positional({"arguments"});
+    return options;
+}
+
+// The option named in `arg` as the user spelled it: "--count" of
+// "--count=5", "-c" of "-dc".
+std::string option_as_written(const std::string& arg) {
+    if (arg.compare(0, 2, "--") == 0) return arg.substr(0, arg.find('='));
+    return arg.size() > 1 ? "-" + arg.substr(arg.size() - 1) : arg;
+}
+
 }  // namespace
 
 bool parse_command_line(int argc, const char* const* argv, CommandLine& out, std::string& error) {
     out = CommandLine();
     if (argc < 2) {
-        error = "missing command (dump or send); try 'gatecat --help'";
+        error = "missing command (dump, send, stats, peers or tap); try 'gatecat --help'";
         return false;
     }
     const std::string command = argv[1];
@@ -48,78 +84,84 @@ bool parse_command_line(int argc, const char* const* argv, CommandLine& out, std
         out.command = CommandLine::Command::HELP;
         return true;
     }
-    if (command == "--version") {
+    if (command == "-V" || command == "--version") {
         out.command = CommandLine::Command::VERSION;
         return true;
     }
-    if (command == "dump") {
-        out.command = CommandLine::Command::DUMP;
-    } else if (command == "send") {
-        out.command = CommandLine::Command::SEND;
-    } else {
+    const CommandName* known = nullptr;
+    for (const CommandName& entry : COMMANDS) {
+        if (command == entry.name) known = &entry;
+    }
+    if (known == nullptr) {
         error = (command.size() > 1 && command[0] == '-' ? "unknown option '" : "unknown command '") + command +
                 "'; try 'gatecat --help'";
         return false;
     }
-    const bool dump = out.command == CommandLine::Command::DUMP;
+    out.command = known->command;
+    const bool frames_watched = watches_frames(out.command);
 
-    bool options_ended = false;
-    for (int i = 2; i < argc; i++) {
-        const std::string arg = argv[i];
-        if (!options_ended && arg == "--") {
-            options_ended = true;
-            continue;
-        }
-        if (options_ended || arg.size() < 2 || arg[0] != '-') {
-            if (out.iface.empty()) {
-                out.iface = arg;
-            } else if (dump) {
-                error = command + ": unexpected argument '" + arg + "'";
-                return false;
-            } else {
-                out.frames.push_back(arg);
-            }
-            continue;
-        }
-        if (arg == "-h" || arg == "--help") {
-            out.command = CommandLine::Command::HELP;
-            return true;
-        }
-        const size_t equals = arg.find('=');
-        const std::string name = arg.substr(0, equals);
-        const bool inline_value = equals != std::string::npos;
-        if (dump && name == "--decode") {
-            if (inline_value) {
-                error = command + ": --decode takes no value";
-                return false;
-            }
-            out.decode = true;
-            continue;
-        }
-        if (!dump || (name != "--count" && name != "--timeout")) {
-            error = command + ": unknown option '" + name + "'; try 'gatecat --help'";
-            return false;
-        }
-        std::string value;
-        if (inline_value) {
-            value = arg.substr(equals + 1);
-        } else if (i + 1 < argc) {
-            value = argv[++i];
-        } else {
-            error = command + ": " + name + " needs a value";
-            return false;
-        }
-        if (name == "--count" && !parse_count(value, out.count)) {
-            error = command + ": --count takes a whole number from 1 to 4294967295, not '" + value + "'";
-            return false;
-        }
-        if (name == "--timeout" && !parse_timeout(value, out.timeout_us)) {
-            error = command + ": --timeout takes a number of seconds above 0, not '" + value + "'";
+    // The options start after the command: cxxopts takes its first argument
+    // as the program's name.
+    const int option_argc = argc - 1;
+    const char* const* option_argv = argv + 1;
+    for (int i = 1; i < option_argc && std::string(option_argv[i]) != "--"; i++) {
+        if (frames_watched && std::string(option_argv[i]).rfind("--decode=", 0) == 0) {
+            error = command + ": --decode takes no value";
             return false;
         }
     }
-    if (out.iface.empty()) {
-        error = command + ": missing interface description, e.g. udp://127.0.0.1:5000; try 'gatecat --help'";
+    cxxopts::Options options = options_of(out.command);
+    std::vector<std::string> arguments;
+    try {
+        const cxxopts::ParseResult result = options.parse(option_argc, option_argv);
+        if (result.count("help")) {
+            out = CommandLine();
+            return true;
+        }
+        if (result.count("version")) {
+            out = CommandLine();
+            out.command = CommandLine::Command::VERSION;
+            return true;
+        }
+        for (const std::string& unknown : result.unmatched()) {
+            error = command + ": unknown option '" + option_as_written(unknown) + "'; try 'gatecat --help'";
+            return false;
+        }
+        if (result.count("arguments")) arguments = result["arguments"].as<std::vector<std::string>>();
+        if (frames_watched) {
+            out.decode = result.count("decode") != 0;
+            if (result.count("write")) out.capture_path = result["write"].as<std::string>();
+            if (result.count("count") && !parse_count(result["count"].as<std::string>(), out.count)) {
+                error = command + ": --count takes a whole number from 1 to 4294967295, not '" +
+                        result["count"].as<std::string>() + "'";
+                return false;
+            }
+            if (result.count("timeout") && !parse_timeout(result["timeout"].as<std::string>(), out.timeout_us)) {
+                error = command + ": --timeout takes a number of seconds above 0, not '" +
+                        result["timeout"].as<std::string>() + "'";
+                return false;
+            }
+        }
+    } catch (const cxxopts::exceptions::missing_argument&) {
+        // Only the last argument can lack its value.
+        error = command + ": " + option_as_written(option_argv[option_argc - 1]) + " needs a value";
+        return false;
+    } catch (const cxxopts::exceptions::exception& e) {
+        error = command + ": " + e.what();
+        return false;
+    }
+    const bool on_socket = out.command != CommandLine::Command::DUMP && out.command != CommandLine::Command::SEND;
+    if (arguments.empty()) {
+        error = on_socket
+                    ? command + ": missing control socket path, e.g. /run/gate/control.sock; try 'gatecat --help'"
+                    : command + ": missing interface description, e.g. udp://127.0.0.1:5000; try 'gatecat --help'";
+        return false;
+    }
+    (on_socket ? out.socket_path : out.iface) = arguments[0];
+    if (out.command == CommandLine::Command::SEND) {
+        out.frames.assign(arguments.begin() + 1, arguments.end());
+    } else if (arguments.size() > 1) {
+        error = command + ": unexpected argument '" + arguments[1] + "'";
         return false;
     }
     return true;

@@ -1,9 +1,12 @@
 #pragma once
 // The command line of gatecat:
-//   gatecat dump IFACE [--decode] [--count N] [--timeout S]
+//   gatecat dump IFACE [-d] [-c N] [-t S] [-w FILE]
 //   gatecat send IFACE [FRAME...]
-//   gatecat --help | --version
-// Options may stand anywhere after the command; "--opt=value" works too.
+//   gatecat stats|peers SOCKET
+//   gatecat tap SOCKET [-d] [-c N] [-t S] [-w FILE]
+//   gatecat -h | -V
+// Options may stand anywhere after the command, in short or long form;
+// "--opt=value" works too, and "--" ends the options.
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -17,14 +20,16 @@ constexpr int EXIT_RUNTIME_FAILURE = 1;
 constexpr int EXIT_USAGE = 2;
 
 struct CommandLine {
-    enum class Command { HELP, VERSION, DUMP, SEND };
+    enum class Command { HELP, VERSION, DUMP, SEND, STATS, PEERS, TAP };
 
     Command command = Command::HELP;
-    std::string iface;
-    // dump
+    std::string iface;        // dump and send: the interface description
+    std::string socket_path;  // stats, peers and tap: the gateway's control socket
+    // dump and tap
     bool decode = false;
-    uint32_t count = 0;      // 0 = no limit
-    int64_t timeout_us = 0;  // 0 = no limit
+    uint32_t count = 0;        // 0 = no limit
+    int64_t timeout_us = 0;    // 0 = no limit
+    std::string capture_path;  // -w: a pcap file to write, empty for none
     // send: frame texts as given, checked by the send command
     std::vector<std::string> frames;
 };

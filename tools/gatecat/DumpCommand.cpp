@@ -1,13 +1,14 @@
 #include "gatecat/DumpCommand.h"
 
-#include <cinttypes>
+#include <cerrno>
+#include <cstring>
 #include <string>
 
 #include "gatecat/DeviceCounters.h"
 #include "gatecat/DeviceLoop.h"
-#include "gatecat/FrameDecoder.h"
-#include "gatecat/FrameSyntax.h"
+#include "gatecat/FrameLine.h"
 #include "gatecat/InterfaceOpener.h"
+#include "gatecat/PcapWriter.h"
 #include "gatecat/StopSignals.h"
 #include "vostrelka/Time.h"
 #include "vostrelka/net_device/NetDeviceMessageHandlerI.h"
@@ -19,37 +20,35 @@ namespace {
 
 // Without --timeout the loop still wakes this often, for device timers.
 constexpr int64_t IDLE_WAIT_US = 1000000;
-constexpr int64_t US_PER_S = 1000000;
 
 class FramePrinter : public net_device::NetDeviceMessageHandlerI {
 public:
-    FramePrinter(FILE* out, bool decode, uint32_t limit) : out(out), decode(decode), limit(limit) {}
+    FramePrinter(FILE* out, bool decode, uint32_t limit, PcapWriter* capture, CaptureMedium medium)
+        : out(out), decode(decode), limit(limit), capture(capture), medium(medium) {}
 
-    // One line: (stamp) FRAME  proto_id P  0xSS -> 0xDD  len N[  decoded]
     void on_frame(net_device::NetDevice&, const net_device::Frame& frame) override {
         // A read may bring more frames than are still wanted.
         if (done()) return;
         const int64_t now_us = time_utc_us();
-        std::fprintf(out, "(%" PRId64 ".%06" PRId64 ") %s  proto_id %u  0x%02X -> 0x%02X  len %" PRIu64,
-                     now_us / US_PER_S, now_us % US_PER_S, format_frame(frame).c_str(), frame.proto_id, frame.src,
-                     frame.dst, static_cast<uint64_t>(frame.payload.size));
-        if (decode) {
-            const std::string decoded = decode_frame(frame);
-            if (!decoded.empty()) std::fprintf(out, "  %s", decoded.c_str());
-        }
-        std::fputc('\n', out);
+        std::fprintf(out, "%s\n", frame_line(now_us, "", frame, decode).c_str());
         std::fflush(out);
+        if (capture != nullptr && !capture->write(now_us, 0, CaptureDirection::IN, medium, frame))
+            capture_failed = true;
         printed++;
     }
 
-    bool done() const { return limit != 0 && printed >= limit; }
+    bool done() const { return capture_failed || (limit != 0 && printed >= limit); }
+    bool failed() const { return capture_failed; }
     uint32_t frames() const { return printed; }
 
 private:
     FILE* out;
     bool decode;
     uint32_t limit;
+    PcapWriter* capture;
+    CaptureMedium medium;
     uint32_t printed = 0;
+    bool capture_failed = false;
 };
 
 }  // namespace
@@ -71,7 +70,15 @@ int run_dump(const CommandLine& command_line, FILE* out) {
         std::fprintf(stderr, "gatecat: dump: cannot open %s\n", command_line.iface.c_str());
         return EXIT_RUNTIME_FAILURE;
     }
-    FramePrinter printer(out, command_line.decode, command_line.count);
+    PcapWriter capture;
+    if (!command_line.capture_path.empty() && !capture.open(command_line.capture_path)) {
+        std::fprintf(stderr, "gatecat: dump: cannot write %s: %s\n", command_line.capture_path.c_str(),
+                     std::strerror(errno));
+        return EXIT_RUNTIME_FAILURE;
+    }
+    const CaptureMedium medium = capture_medium_of(command_line.iface.substr(0, command_line.iface.find("://")));
+    FramePrinter printer(out, command_line.decode, command_line.count,
+                         command_line.capture_path.empty() ? nullptr : &capture, medium);
     device->set_handler(&printer);
     std::fprintf(stderr, "gatecat: listening on %s\n", command_line.iface.c_str());
 
@@ -101,6 +108,10 @@ int run_dump(const CommandLine& command_line, FILE* out) {
         }
     }
     device->set_handler(nullptr);
+    if (printer.failed()) {
+        std::fprintf(stderr, "gatecat: dump: cannot write %s\n", command_line.capture_path.c_str());
+        status = EXIT_RUNTIME_FAILURE;
+    }
 
     const std::string counters = codec_error_counters(*device);
     std::fprintf(stderr, "gatecat: %u frame%s%s%s\n", printer.frames(), printer.frames() == 1 ? "" : "s",

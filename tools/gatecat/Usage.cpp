@@ -4,17 +4,21 @@ namespace vostrelka {
 namespace gatecat {
 
 const char* usage_text() {
-    return R"USAGE(gatecat - send and watch frames on serial, CAN and UDP interfaces
+    return R"USAGE(gatecat - send and watch frames on serial, CAN and UDP interfaces, and
+look inside a running gateway
 
 Usage:
-  gatecat dump IFACE [--decode] [--count N] [--timeout S]
+  gatecat dump IFACE [-d] [-c N] [-t S] [-w FILE]
   gatecat send IFACE [FRAME...]
-  gatecat --help | --version
+  gatecat stats SOCKET
+  gatecat peers SOCKET
+  gatecat tap SOCKET [-d] [-c N] [-t S] [-w FILE]
+  gatecat -h | --help | -V | --version
 
 IFACE is an interface description as the gateway's configuration file
 writes it:
-  serial://PATH:BAUD[:STOPBITS]        serial:///dev/ttyUSB0:115200
-  can://NAME                           can://can0
+  serial://PATH:BAUD[:STOPBITS]                serial:///dev/ttyUSB0:115200
+  can://NAME                                   can://can0
   udp://HOST:PORT[:DEST_HOST:DEST_PORT]        one frame per datagram
   udpserial://HOST:PORT[:DEST_HOST:DEST_PORT]  serial framing in datagrams
 HOST:PORT is where gatecat listens (its own end); DEST_HOST:DEST_PORT is
@@ -38,17 +42,32 @@ dump
   The first field is the wall-clock time in seconds. At the end it prints
   the number of frames and the device's codec error counters on standard
   error. Stops after N frames, after S seconds, or on Ctrl-C.
-  --decode     add what the payload holds: the MANet header of proto_id 10
-               (0A), the service messages of proto_id 8 and the RF modem
-               records of proto_id 14 (0E), by their field names
-  --count N    stop after N frames
-  --timeout S  stop after S seconds (fractions allowed)
+  -d, --decode      add what the payload holds: the MANet header of
+                    proto_id 10 (0A), the service messages of proto_id 8
+                    and the RF modem records of proto_id 14 (0E), by their
+                    field names
+  -c, --count N     stop after N frames
+  -t, --timeout S   stop after S seconds (fractions allowed)
+  -w, --write FILE  also write every frame to FILE, a pcap capture that
+                    Wireshark opens with the gate dissector (see gatecat(1))
 
 send
   Sends each FRAME given, in order; with none, reads frames from standard
   input, one per line. A line may be a `gatecat dump` line: a leading
   "(time stamp)" field and everything after the frame are ignored; blank
   lines are skipped.
+
+stats, peers
+  Ask a running gateway, through the control socket its configuration
+  names, for its counters per interface (stats) or its tables of local
+  peers and MANet links (peers), and print them as tables.
+
+tap
+  Prints every frame the gateway receives and sends, as dump does, with
+  the interface id and the direction after the time stamp:
+    (1732170000.123456) iface 1 in 07:01>02#DEADBEEF  proto_id 7  0x01 -> 0x02  len 4
+  Frames the gateway dropped because gatecat did not keep up are reported
+  on standard error. Takes the options of dump.
 
 Examples:
   gatecat dump udp://127.0.0.1:6001
@@ -57,15 +76,20 @@ Examples:
   gatecat send udpserial://0.0.0.0:7000:10.0.0.2:7000 08:10-FF#
   gatecat dump udp://127.0.0.1:6001 > frames.txt
   gatecat send udp://127.0.0.1:6002:127.0.0.1:5001 < frames.txt
+  gatecat dump -c 100 -w link.pcap udpserial://0.0.0.0:7002
+  gatecat stats /run/gate/control.sock
+  gatecat tap -d /run/gate/control.sock
 
 Log lines of the devices go to standard error; standard output holds only
-the frames of `dump`.
+the frames of `dump` and `tap` and the tables of `stats` and `peers`.
 
 Exit status:
   0  done: the frames were sent, or the dump stopped as asked
-  1  runtime failure: the interface did not open or its serial adapter was
-     unplugged, a frame was refused or not sent, or --count frames did not
-     arrive before --timeout
+  1  runtime failure: the interface or the control socket did not open,
+     a serial adapter was unplugged, the gateway closed the socket or
+     answered nonsense, a frame was refused or not sent, the capture file
+     could not be written, or --count frames did not arrive before
+     --timeout
   2  usage error: a bad command, option, interface description or frame,
      with one line on standard error
 )USAGE";

@@ -7,6 +7,8 @@
 #include "gatecat/CommandLine.h"
 #include "gatecat/DumpCommand.h"
 #include "gatecat/SendCommand.h"
+#include "gatecat/StatsCommand.h"
+#include "gatecat/TapCommand.h"
 #include "gatecat/Usage.h"
 #include "vostrelka/version.h"
 
@@ -40,8 +42,7 @@ int main(int argc, char** argv) {
         case CommandLine::Command::VERSION:
             std::printf("%s\n", vostrelka::version::SOFTWARE);
             return EXIT_OK;
-        case CommandLine::Command::DUMP:
-        case CommandLine::Command::SEND:
+        default:
             break;
     }
     FILE* frames_out = take_stdout_for_frames();
@@ -49,8 +50,26 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "gatecat: cannot set up standard output\n");
         return EXIT_RUNTIME_FAILURE;
     }
-    const int status = command_line.command == CommandLine::Command::DUMP ? run_dump(command_line, frames_out)
-                                                                          : run_send(command_line, stdin);
+    int status = EXIT_OK;
+    switch (command_line.command) {
+        case CommandLine::Command::DUMP:
+            status = run_dump(command_line, frames_out);
+            break;
+        case CommandLine::Command::SEND:
+            status = run_send(command_line, stdin);
+            break;
+        case CommandLine::Command::STATS:
+            status = run_stats(command_line, frames_out);
+            break;
+        case CommandLine::Command::PEERS:
+            status = run_peers(command_line, frames_out);
+            break;
+        case CommandLine::Command::TAP:
+            status = run_tap(command_line, frames_out);
+            break;
+        default:
+            break;
+    }
     std::fclose(frames_out);
     return status;
 }

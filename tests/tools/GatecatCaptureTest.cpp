@@ -1,0 +1,81 @@
+// Captures of `gatecat dump -w`, read back by the real tshark with the
+// gateway's Lua dissector: every frame kind shows its decoded fields.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "support/GateProcess.h"
+#include "support/TempDir.h"
+#include "support/TsharkReader.h"
+#include "support/UdpEndpoint.h"
+#include "support/paths.h"
+
+using namespace test_support;
+
+namespace {
+
+// Dumps `count` frames arriving on `listen` into `capture` while `gatecat
+// send` puts `frames` out towards it from `from`.
+void dump_to_capture(const std::string& listen, const std::string& from, const std::vector<std::string>& frames,
+                     const std::string& capture) {
+    GateProcess dump(gatecat_binary(), {"dump", "-c", std::to_string(frames.size()), "-w", capture, listen}, true);
+    ASSERT_TRUE(dump.wait_for_prefix("gatecat: listening on ")) << dump.log();
+    std::vector<std::string> args = {"send", from};
+    args.insert(args.end(), frames.begin(), frames.end());
+    const ProcessResult sent = run_process_with_input(gatecat_binary(), args, "");
+    ASSERT_EQ(sent.exit_status, 0) << sent.err;
+    ASSERT_EQ(dump.wait_exit(), 0) << dump.log();
+}
+
+std::string zeros(size_t bytes) {
+    return std::string(2 * bytes, '0');
+}
+
+TEST(GatecatCapture, WiresharkShowsTheFieldsOfEveryFrameKind) {
+    if (!tshark_installed()) GTEST_SKIP() << "tshark is not installed (scripts/install-deps installs it)";
+    TempDir dir;
+    const uint16_t a = free_udp_port(), b = free_udp_port();
+    const std::string to_b = "127.0.0.1:" + std::to_string(a) + ":127.0.0.1:" + std::to_string(b);
+    // Service record: seq, type, message id, body size, then device_config's
+    // serial, hash, cfg_id and its manet_config.
+    const std::string device_config = "08:01>02#01000000.01.04.71000000.534E2D30303432" + zeros(25) + ".AB" +
+                                      zeros(14) + "01.03.05000000.09000000.8813" + zeros(16) + ".3132372E302E302E31" +
+                                      zeros(23) + ".02000000.7B7D";
+    dump_to_capture("udp://127.0.0.1:" + std::to_string(b), "udp://" + to_b,
+                    {"07:10>20#DEADBEEF", "0A:01>02#01000000.0201000A.03.01.AABB", device_config,
+                     "0E:30>10#01.09000000.05000000.0000803F.03"},
+                    dir.path() + "/udp.pcap");
+    // 42 and 55 inside a frame go escaped on a serial-framed link.
+    dump_to_capture("udpserial://127.0.0.1:" + std::to_string(b), "udpserial://" + to_b, {"09:20>30#4255AA"},
+                    dir.path() + "/udpserial.pcap");
+
+    const std::string udp = "Interface id: 0; Direction: in (0); Medium: udp (1); ";
+    const std::vector<std::string> expected = {
+        udp + "proto_id: 7; Source: 0x10; Destination: 0x20; Payload length: 4; Payload: deadbeef",
+        udp +
+            "proto_id: 10; Source: 0x01; Destination: 0x02; Payload length: 12; Payload: 010000000201000a0301aabb; "
+            "MANet header; MANet source: 0x00000001; MANet destination: 0x0a000102; Kind: 3; Flag: 1; Data: aabb",
+        // tshark cuts long byte fields short.
+        udp +
+            "proto_id: 8; Source: 0x01; Destination: 0x02; Payload length: 123; Payload: "
+            "01000000010471000000534e2d3030343200000000000000000000000000000000000000\u2026; Service record; Sequence "
+            "number: 1; Record type: request (1); Message id: 4; Body size: 113; "
+            "Message: device_config; device_serial: SN-0042; hash: ab000000000000000000000000000001; cfg_id: 3; "
+            "manet_config; node_manet_addr: 0x00000005; utm_manet_addr: 0x00000009; utm_inet_port: 5000; "
+            "node_manet_key: 00000000000000000000000000000000; utm_inet_host: 127.0.0.1; generic_config_json: {}",
+        udp +
+            "proto_id: 14; Source: 0x30; Destination: 0x10; Payload length: 14; Payload: "
+            "0109000000050000000000803f03; RF modem record; Message id: 1; Body size: 9; Message: base_config; "
+            "addr: 5; power: 1; channel: 3",
+        "Interface id: 0; Direction: in (0); Medium: udpserial (2); Serial framing; Escaped bytes: 2; "
+        "CRC-32: 0x8b9f5f0b; CRC status: good; proto_id: 9; Source: 0x20; Destination: 0x30; "
+        "Payload length: 3; Payload: 4255aa",
+    };
+    std::vector<std::string> trees = gate_trees(dir.path() + "/udp.pcap");
+    for (const std::string& tree : gate_trees(dir.path() + "/udpserial.pcap")) trees.push_back(tree);
+    ASSERT_EQ(trees.size(), expected.size());
+    for (size_t i = 0; i < expected.size(); i++) EXPECT_EQ(trees[i], expected[i]) << i;
+}
+
+}  // namespace
