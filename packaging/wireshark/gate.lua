@@ -399,11 +399,9 @@ local function looks_serial_framed(tvb)
         i = i + 1
     end
     if unescaped:len() < 7 then return false end
-    local crc = unescaped:uint(0, 4)
-    -- ByteArray reads big-endian; the CRC travels little-endian.
-    crc = bit.bor(bit.lshift(bit.band(crc, 0xFF), 24), bit.lshift(bit.band(bit.rshift(crc, 8), 0xFF), 16),
-        bit.lshift(bit.band(bit.rshift(crc, 16), 0xFF), 8), bit.rshift(crc, 24))
-    return bit.band(crc, 0xFFFFFFFF) == crc32(unescaped, 4, unescaped:len() - 1)
+    local crc = unescaped:get_index(0) + unescaped:get_index(1) * 0x100 + unescaped:get_index(2) * 0x10000 +
+        unescaped:get_index(3) * 0x1000000
+    return crc == crc32(unescaped, 4, unescaped:len() - 1)
 end
 
 local function heuristic_udpserial(tvb, pinfo, tree)

@@ -2,6 +2,7 @@
 // gateway's Lua dissector: every frame kind shows its decoded fields.
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -76,6 +77,55 @@ TEST(GatecatCapture, WiresharkShowsTheFieldsOfEveryFrameKind) {
     for (const std::string& tree : gate_trees(dir.path() + "/udpserial.pcap")) trees.push_back(tree);
     ASSERT_EQ(trees.size(), expected.size());
     for (size_t i = 0; i < expected.size(); i++) EXPECT_EQ(trees[i], expected[i]) << i;
+}
+
+// A pcap of raw IPv4 packets, each the UDP datagram `payload` to `port`, as
+// a capture on the gateway's network would hold them.
+void write_udp_capture(const std::string& path, const std::vector<std::pair<uint16_t, Bytes>>& datagrams) {
+    constexpr uint32_t LINKTYPE_IPV4 = 228;
+    Bytes file;
+    const auto put = [&file](uint64_t value, int bytes, bool big_endian) {
+        for (int i = 0; i < bytes; i++) file.push_back(value >> (8 * (big_endian ? bytes - 1 - i : i)));
+    };
+    for (uint64_t field : std::initializer_list<uint64_t>{0xA1B2C3D4, 0x00040002, 0, 0, 65535, LINKTYPE_IPV4})
+        put(field, 4, false);
+    for (const auto& [port, payload] : datagrams) {
+        const size_t udp_size = 8 + payload.size(), ip_size = 20 + udp_size;
+        for (uint64_t field : std::initializer_list<uint64_t>{0, 0, ip_size, ip_size}) put(field, 4, false);
+        // IPv4: version and header length, length, TTL, protocol 17, 127.0.0.1 to 127.0.0.1.
+        put(0x4500, 2, true), put(ip_size, 2, true), put(0, 4, true), put(0x4011, 2, true), put(0, 2, true);
+        put(0x7F000001, 4, true), put(0x7F000001, 4, true);
+        put(port + 1, 2, true), put(port, 2, true), put(udp_size, 2, true), put(0, 2, true);  // no checksum
+        file.insert(file.end(), payload.begin(), payload.end());
+    }
+    std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(file.data()), file.size());
+}
+
+// Serial-framed datagrams are recognised by their framing and CRC; "udp"
+// datagrams, which have no mark of their own, by Decode As.
+TEST(GatecatCapture, WiresharkFindsFramesInAGatewaysUdpTraffic) {
+    if (!tshark_installed()) GTEST_SKIP() << "tshark is not installed (scripts/install-deps installs it)";
+    TempDir dir;
+    UdpEndpoint sink;
+    std::vector<std::pair<uint16_t, Bytes>> datagrams;
+    for (const char* type : {"udpserial", "udp"}) {
+        const std::string from =
+            std::string(type) + "://127.0.0.1:" + std::to_string(free_udp_port()) + ":" + sink.address();
+        ASSERT_EQ(
+            run_process_with_input(gatecat_binary(), {"send", from, "0E:30>10#01.09000000.05000000.0000803F.03"}, "")
+                .exit_status,
+            0);
+        const auto datagram = sink.receive();
+        ASSERT_TRUE(datagram);
+        datagrams.emplace_back(datagrams.empty() ? 47002 : 47001, *datagram);
+    }
+    write_udp_capture(dir.path() + "/udp.pcap", datagrams);
+    std::vector<std::string> args = tshark_reading(dir.path() + "/udp.pcap");
+    args.insert(args.end(), {"-d", "udp.port==47001,gate_udp", "-T", "fields", "-e", "gate.serial.crc_status", "-e",
+                             "_ws.col.Info"});
+    EXPECT_EQ(run_process_with_input(TSHARK, args, "", 30000).out,
+              "good\tproto_id 14  0x30 -> 0x10  len 14  base_config\n"
+              "\tproto_id 14  0x30 -> 0x10  len 14  base_config\n");
 }
 
 }  // namespace
