@@ -7,9 +7,10 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <nlohmann/json.hpp>
 #include <sstream>
 
-#include "RunnerHandler.h"
+#include "RFModemHandler.h"
 #include "vostrelka/HostPort.h"
 #include "vostrelka/debug.h"
 #include "vostrelka/net_device/net_device_parse.h"
@@ -20,6 +21,17 @@ namespace vostrelka {
 namespace {
 
 constexpr uint8_t ANY_DEVICE_ADDRESS = 0xFF;
+
+// `object[key]` as T; a missing key is a configuration error that ends the
+// program. Conversion errors are the JSON library's and are not caught.
+template <typename T>
+T parse_json_value(const json& object, const std::string& key) {
+    if (!object.contains(key)) {
+        debug("ERROR: missing \"%s\" field", key.c_str());
+        exit(1);
+    }
+    return object[key].template get<T>();
+}
 
 // "0x..." in base 16 (the conversion consumes the prefix), anything else in
 // base 10, even with "0x" further in; std::stoul's exceptions end the program.
@@ -34,13 +46,13 @@ uint8_t parse_local_address(const std::string& text) {
 }
 
 // The interface a peer entry names; an unknown id ends the program.
-Gate::Interface& interface_of_peer(std::map<uint32_t, Gate::Interface>& ifaces, unsigned int iface_id) {
-    auto found = ifaces.find(iface_id);
-    if (found == ifaces.end()) {
+Gate::Interface& interface_of_peer(Gate& gate, unsigned int iface_id) {
+    Gate::Interface* iface = gate.find_interface(iface_id);
+    if (iface == nullptr) {
         debug("ERROR: iface with id %u not found", iface_id);
         exit(1);
     }
-    return found->second;
+    return *iface;
 }
 
 }  // namespace
@@ -52,6 +64,30 @@ Gate::Gate() : Application("gate", "Net device gateway", true) {
 }
 
 Gate::~Gate() = default;
+
+Gate::Interface* Gate::add_interface(uint32_t id, uint8_t type, std::shared_ptr<net_device::NetDevice> device) {
+    if (ifaces.count(id) != 0 || !event_loop_entries.push_back(device.get())) return nullptr;
+    Interface& iface = ifaces[id];
+    iface.id = id;
+    iface.type = type;
+    iface.udp = dynamic_cast<net_device::NetDeviceUDP*>(device.get());
+    iface.net_device = std::move(device);
+    iface.net_device->set_handler(this);
+    return &iface;
+}
+
+Gate::Interface* Gate::find_interface(uint32_t id) {
+    auto found = ifaces.find(id);
+    return found == ifaces.end() ? nullptr : &found->second;
+}
+
+bool Gate::add_event_loop_entry(event_system::EventLoopEntry* entry) {
+    return event_loop_entries.push_back(entry);
+}
+
+void Gate::add_handler(std::unique_ptr<RunnerHandler> handler) {
+    handlers.push_back(std::move(handler));
+}
 
 void Gate::start(const cxxopts::ParseResult& result) {
     debug_level = result["debug"].as<int>();
@@ -100,9 +136,8 @@ bool Gate::parse_config(std::string&& text) {
     // After the peers: an RF modem takes its address from the MANet-peer table.
     for (const json& entry : iface_entries) {
         if (!entry.contains("rfmodem_config")) continue;
-        const auto id = parse_json_value<unsigned int>(entry, "id");
-        auto found = ifaces.find(id);
-        if (found != ifaces.end()) parse_rfmodem_config(found->second, entry["rfmodem_config"]);
+        Interface* iface = find_interface(parse_json_value<unsigned int>(entry, "id"));
+        if (iface != nullptr) parse_rfmodem_config(*iface, entry["rfmodem_config"]);
     }
     return true;
 }
@@ -128,19 +163,9 @@ bool Gate::parse_ifaces(json& entries) {
             return false;
         }
 
-        Interface iface;
-        iface.id = id;
-        iface.type = entry.contains("type") && entry["type"] == "manet" ? MANET : LOCAL;
-        iface.net_device = device;
-        iface.udp = dynamic_cast<net_device::NetDeviceUDP*>(device.get());
-        iface.udp_checked = true;
-        if (!ifaces.emplace(id, std::move(iface)).second) {
-            debug("ERROR: add interface to map: %s", description.c_str());
-            return false;
-        }
-        device->set_handler(this);
+        const uint8_t type = entry.contains("type") && entry["type"] == "manet" ? MANET : LOCAL;
         // A 33rd interface: the caller reports the file as a whole.
-        if (!event_loop_entries.push_back(device.get())) return false;
+        if (add_interface(id, type, device) == nullptr) return false;
     }
     return true;
 }
@@ -148,10 +173,10 @@ bool Gate::parse_ifaces(json& entries) {
 bool Gate::parse_local_peers(json& peers) {
     for (const json& entry : peers) {
         const uint8_t addr = parse_local_address(parse_json_value<std::string>(entry, "netdev_addr"));
-        Interface& iface = interface_of_peer(ifaces, parse_json_value<unsigned int>(entry, "iface_id"));
+        Interface& iface = interface_of_peer(*this, parse_json_value<unsigned int>(entry, "iface_id"));
 
         std::optional<InetAddress> inet_addr;
-        if (iface.udp_device() != nullptr) {
+        if (iface.udp != nullptr) {
             const auto text = parse_json_value<std::string>(entry, "inet_addr");
             inet_addr = InetAddress::from(text);
             if (!inet_addr) {
@@ -171,11 +196,11 @@ bool Gate::parse_manet_peers(json& peers) {
     for (const json& entry : peers) {
         const uint32_t manet_addr = parse_manet_address(parse_json_value<std::string>(entry, "manet_addr"));
         const uint8_t addr = parse_local_address(parse_json_value<std::string>(entry, "netdev_addr"));
-        Interface& iface = interface_of_peer(ifaces, parse_json_value<unsigned int>(entry, "iface_id"));
+        Interface& iface = interface_of_peer(*this, parse_json_value<unsigned int>(entry, "iface_id"));
 
         // Given by name: resolved in the background, filled in by the loop.
         std::unique_ptr<AddressResolver> resolver;
-        if (iface.udp_device() != nullptr) {
+        if (iface.udp != nullptr) {
             const auto text = parse_json_value<std::string>(entry, "inet_addr");
             const std::optional<HostPort> host_port = HostPort::from(text);
             if (!host_port) {
@@ -190,6 +215,19 @@ bool Gate::parse_manet_peers(json& peers) {
         }
     }
     return true;
+}
+
+void Gate::parse_rfmodem_config(Interface& iface, const json& config) {
+    // Deliberate: without a MANet peer the modem is not configured at all.
+    if (manet_peers.empty()) return;
+    // The lowest MANet address known once the configured peers are read.
+    const uint32_t addr = manet_peers.begin()->first;
+    const auto channel = static_cast<uint8_t>(parse_json_value<unsigned int>(config, "channel"));
+    const auto power = parse_json_value<float>(config, "power");
+
+    add_handler(std::make_unique<RFModemHandler>(iface.net_device.get(), addr, power, channel));
+    debug("RFModem on iface %i: addr=0x%08X channel=%i power=%.1f", static_cast<int>(iface.id), addr,
+          static_cast<int>(channel), static_cast<double>(power));
 }
 
 }  // namespace vostrelka

@@ -2,14 +2,17 @@
 // The gateway: its interfaces, what it has learned about local devices and
 // other gateways, and the loop that moves frames between them.
 //
-// Files: Gate.cpp (start-up and the configuration file), GatePeers.cpp (peer
-// tables), GateRouting.cpp (on_frame and forwarding), GateService.cpp
-// (service frames), GateLoop.cpp (the main loop).
+// Files: Gate.cpp (start-up, the configuration file, the interfaces),
+// GatePeers.cpp (peer tables), GateRouting.cpp (on_frame and forwarding),
+// GateService.cpp (service frames), GateLoop.cpp (the main loop).
+//
+// The tables are private: interfaces come in through add_interface(), peers
+// through add_local_peer() and add_manet_peer(), so that every entry is made
+// the one way the gateway's own bookkeeping expects.
 #include <cstdint>
-#include <cstdlib>
 #include <map>
 #include <memory>
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 #include <vector>
@@ -32,6 +35,9 @@ struct MAPacket;
 namespace net_device {
 class NetDeviceUDP;
 }
+namespace tessera {
+struct MessageInfo;
+}
 
 using json = nlohmann::json;
 
@@ -49,14 +55,9 @@ public:
         uint8_t type = LOCAL;  // LOCAL, MANET; anything else is inert
         std::shared_ptr<net_device::NetDevice> net_device;
 
-        // `net_device` seen as a UDP device ("udp", "udpserial"), or null.
-        // Whoever creates the interface may fill `udp` (and set
-        // `udp_checked`); otherwise udp_device() works it out once, so that
-        // routing does not pay a dynamic_cast per frame.
+        // `net_device` seen as a UDP device ("udp", "udpserial"), or null;
+        // filled by add_interface() so that routing pays no cast per frame.
         net_device::NetDeviceUDP* udp = nullptr;
-        bool udp_checked = false;
-        net_device::NetDeviceUDP* udp_device() { return udp_checked ? udp : check_udp_device(); }
-        net_device::NetDeviceUDP* check_udp_device();
     };
 
     struct LocalPeer {
@@ -73,68 +74,81 @@ public:
         uint64_t last_seen = 0;  // time_us()
     };
 
+    using Interfaces = std::map<uint32_t, Interface>;
+    using LocalPeers = std::map<uint8_t, LocalPeer>;
+    using MANetPeers = std::map<uint32_t, std::vector<MANetPeer>>;
+
     Gate();
     ~Gate();
 
     // Start-up and configuration file. start() never returns.
     void start(const cxxopts::ParseResult& result) override;
-    bool parse_config(std::string&& text);
-    bool parse_ifaces(json& ifaces);
-    bool parse_local_peers(json& peers);
-    bool parse_manet_peers(json& peers);
-    void parse_rfmodem_config(Interface& iface, const json& config);
-    template <typename T>
-    T parse_json_value(const json& object, const std::string& key);
+
+    // Interface `id` of `type` over `device`, with the gate as the device's
+    // handler and the device in the main loop. Null when `id` is taken or
+    // the loop already holds MAX_EVENT_LOOP_ENTRIES entries.
+    Interface* add_interface(uint32_t id, uint8_t type, std::shared_ptr<net_device::NetDevice> device);
+    Interface* find_interface(uint32_t id);
+    // A further entry for the main loop (false when it is full), and a
+    // handler it updates in every pass.
+    bool add_event_loop_entry(event_system::EventLoopEntry* entry);
+    void add_handler(std::unique_ptr<RunnerHandler> handler);
+    net_device::NetDeviceFactory& device_factory() { return factory; }
+    void set_debug_level(int32_t level) { debug_level = level; }
 
     // Main loop. loop() runs run_once() for ever. `max_wait_us` only
     // shortens the wait in select() (tests drive single passes with it).
     [[noreturn]] void loop();
     void run_once(int64_t max_wait_us = MAX_SELECT_WAIT_US);
-    void check_serial_port();
     void age_learned_links(int64_t now);
     void collect_resolutions();
-    void check_serial_port(net_device::NetDeviceFactory::SerialPortDeviceInfo& record);
 
     // Routing.
     void on_frame(net_device::NetDevice& device, const net_device::Frame& frame) override;
-    void forward_local_frame(const net_device::NetDevice& from_device, const net_device::Frame& frame,
-                             const std::optional<InetAddress>& from_inet);
-    void forward_manet_frame(const Interface& from_iface, const net_device::Frame& frame, const manet::MAPacket& packet,
-                             const std::optional<InetAddress>& from_inet);
-    void handle_service_frame(const net_device::Frame& frame);
 
-    // Peer tables.
+    // Peer tables, read-only to everyone but the gate.
+    const Interfaces& interface_table() const { return ifaces; }
+    const LocalPeers& local_peer_table() const { return local_peers; }
+    const MANetPeers& manet_peer_table() const { return manet_peers; }
     bool add_local_peer(Interface& iface, uint8_t addr, const std::optional<InetAddress>& inet_addr);
     bool add_manet_peer(Interface& iface, uint32_t manet_addr, uint8_t local_addr,
                         std::unique_ptr<AddressResolver>&& resolver, std::optional<InetAddress> inet_addr);
+    // Test hook: pretends link `index` of `manet_addr` was last seen at `last_seen`.
+    void set_last_seen(uint32_t manet_addr, size_t index, uint64_t last_seen);
     std::string full_addr_s_local(uint8_t addr, const std::optional<InetAddress>& inet_addr) const;
     std::string full_addr_s_local(uint8_t addr, const LocalPeer& peer) const;
     std::string full_addr_s_manet(uint32_t manet_addr, uint8_t local_addr,
                                   const std::unique_ptr<AddressResolver>& resolver,
                                   const std::optional<InetAddress>& inet_addr) const;
     std::string full_addr_s_manet(uint32_t manet_addr, const MANetPeer& peer) const;
-    std::map<uint32_t, Interface>::iterator find_iface_by_ref(const net_device::NetDevice& device);
+
+private:
+    bool parse_config(std::string&& text);
+    bool parse_ifaces(json& ifaces);
+    bool parse_local_peers(json& peers);
+    bool parse_manet_peers(json& peers);
+    void parse_rfmodem_config(Interface& iface, const json& config);
+
+    void check_serial_port();
+    void check_serial_port(net_device::NetDeviceFactory::SerialPortDeviceInfo& record);
+
+    void forward_local_frame(const net_device::NetDevice& from_device, const net_device::Frame& frame,
+                             const std::optional<InetAddress>& from_inet);
+    void forward_manet_frame(const Interface& from_iface, const net_device::Frame& frame, const manet::MAPacket& packet,
+                             const std::optional<InetAddress>& from_inet);
+    void handle_service_frame(const net_device::Frame& frame);
+    void handle_device_config(const tessera::MessageInfo& info);
+    Interfaces::iterator find_iface_by_ref(const net_device::NetDevice& device);
 
     // Members are destroyed in reverse order: handlers first, then MANet
     // peers (and their resolvers), local peers, interfaces, the factory.
     int32_t debug_level = 0;
     net_device::NetDeviceFactory factory;
     ArrayListAlloc<event_system::EventLoopEntry*, MAX_EVENT_LOOP_ENTRIES> event_loop_entries;
-    std::map<uint32_t, Interface> ifaces;
-    std::map<uint8_t, LocalPeer> local_peers;
-    std::map<uint32_t, std::vector<MANetPeer>> manet_peers;
+    Interfaces ifaces;
+    LocalPeers local_peers;
+    MANetPeers manet_peers;
     std::vector<std::unique_ptr<RunnerHandler>> handlers;
 };
-
-// `object[key]` as T; a missing key is a configuration error that ends the
-// program. Conversion errors are the JSON library's and are not caught.
-template <typename T>
-T Gate::parse_json_value(const json& object, const std::string& key) {
-    if (!object.contains(key)) {
-        debug("ERROR: missing \"%s\" field", key.c_str());
-        exit(1);
-    }
-    return object[key].template get<T>();
-}
 
 }  // namespace vostrelka

@@ -6,7 +6,6 @@
 #include "SameAddress.h"
 #include "vostrelka/Time.h"
 #include "vostrelka/debug.h"
-#include "vostrelka/net_device_udp/NetDeviceUDP.h"
 
 namespace vostrelka {
 
@@ -14,12 +13,6 @@ namespace {
 // Every peer text fits this buffer; longer text is cut.
 constexpr size_t ADDR_TEXT_SIZE = 128;
 }  // namespace
-
-net_device::NetDeviceUDP* Gate::Interface::check_udp_device() {
-    udp = dynamic_cast<net_device::NetDeviceUDP*>(net_device.get());
-    udp_checked = true;
-    return udp;
-}
 
 std::string Gate::full_addr_s_local(uint8_t addr, const std::optional<InetAddress>& inet_addr) const {
     std::string suffix;
@@ -52,7 +45,7 @@ std::string Gate::full_addr_s_manet(uint32_t manet_addr, const MANetPeer& peer) 
 }
 
 // A linear scan on purpose: a gateway has a handful of interfaces.
-std::map<uint32_t, Gate::Interface>::iterator Gate::find_iface_by_ref(const net_device::NetDevice& device) {
+Gate::Interfaces::iterator Gate::find_iface_by_ref(const net_device::NetDevice& device) {
     for (auto it = ifaces.begin(); it != ifaces.end(); ++it) {
         if (it->second.net_device.get() == &device) return it;
     }
@@ -126,6 +119,10 @@ bool Gate::add_manet_peer(Interface& iface, uint32_t manet_addr, uint8_t local_a
     debug("add MANet peer on iface %u: %s", iface.id, full_addr_s_manet(manet_addr, link).c_str());
     links.push_back(std::move(link));
     return true;
+}
+
+void Gate::set_last_seen(uint32_t manet_addr, size_t index, uint64_t last_seen) {
+    manet_peers.at(manet_addr).at(index).last_seen = last_seen;
 }
 
 }  // namespace vostrelka

@@ -22,7 +22,7 @@ const std::optional<InetAddress> NO_INET_ADDR;
 // peer right before each send; a peer without a socket address on a UDP
 // device cannot be reached and is skipped.
 void send_on(Gate::Interface& iface, const std::optional<InetAddress>& inet_addr, const net_device::Frame& frame) {
-    if (net_device::NetDeviceUDP* udp = iface.udp_device()) {
+    if (net_device::NetDeviceUDP* udp = iface.udp) {
         if (!inet_addr) return;
         udp->set_destination_address(*inet_addr);
         udp->send_raw(frame);
@@ -42,7 +42,7 @@ void Gate::on_frame(net_device::NetDevice& device, const net_device::Frame& fram
 
     // Borrowed from the device, not copied: nothing in this call reads
     // another datagram, so it stays the same until the call returns.
-    net_device::NetDeviceUDP* udp = iface.udp_device();
+    net_device::NetDeviceUDP* udp = iface.udp;
     const std::optional<InetAddress>& from_inet = udp != nullptr ? udp->sender_inet_addr() : NO_INET_ADDR;
 
     // A proto_id 10 payload too short for its header carries no addresses:

@@ -25,7 +25,9 @@ std::string host_text(const uint8_t (&field)[32]) {
     return std::string(reinterpret_cast<const char*>(field), length);
 }
 
-void handle_device_config(Gate& gate, const tessera::MessageInfo& info) {
+}  // namespace
+
+void Gate::handle_device_config(const tessera::MessageInfo& info) {
     // Refused whole unless the body holds at least the fixed 111 bytes and
     // an empty generic_config_json: the gateway takes no configuration text.
     fc::device_config config;
@@ -37,8 +39,8 @@ void handle_device_config(Gate& gate, const tessera::MessageInfo& info) {
     if (manet.utm_manet_addr == 0) return;  // the device names no UTM
 
     const std::string host = host_text(manet.utm_inet_host);
-    for (auto& [id, iface] : gate.ifaces) {
-        if (iface.type != Gate::MANET) continue;
+    for (auto& [id, iface] : ifaces) {
+        if (iface.type != MANET) continue;
         std::optional<HostPort> host_port = HostPort::from(host, manet.utm_inet_port);
         if (!host_port) {
             debug("ERROR: failed to parse UTM host and port. %s:%u", host.c_str(),
@@ -47,18 +49,17 @@ void handle_device_config(Gate& gate, const tessera::MessageInfo& info) {
         }
         // A link that is already known only gets refreshed; the resolver
         // made here then goes unused.
-        gate.add_manet_peer(iface, manet.utm_manet_addr, UTM_LOCAL_ADDR,
-                            std::make_unique<AddressResolver>(std::move(*host_port), false), std::nullopt);
+        add_manet_peer(iface, manet.utm_manet_addr, UTM_LOCAL_ADDR,
+                       std::make_unique<AddressResolver>(std::move(*host_port), false), std::nullopt);
     }
 }
-}  // namespace
 
 void Gate::handle_service_frame(const net_device::Frame& frame) {
     // No acknowledgement is sent: the request/response engine is not
     // involved, so the guarantor header is ignored.
     guarantor::unpack_msgs(ConstSlice<uint8_t>(frame.payload.data, frame.payload.size),
                            [this](const guarantor::GuarantorHeader&, const tessera::MessageInfo& info) {
-                               if (info.id == fc::device_config::ID) handle_device_config(*this, info);
+                               if (info.id == fc::device_config::ID) handle_device_config(info);
                            });
 }
 

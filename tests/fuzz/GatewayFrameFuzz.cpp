@@ -32,7 +32,7 @@ constexpr int SENDERS = 4;
 constexpr uint32_t CONFIGURED_MANET = 0x0A000001;
 
 struct Harness {
-    Gate gate;
+    std::unique_ptr<Gate> gate;
     std::shared_ptr<NetDeviceUDP> udp = std::make_shared<NetDeviceUDP>(2048, 0xFF);
     std::shared_ptr<NetDeviceUDPSerial> udpserial = std::make_shared<NetDeviceUDPSerial>(2048, 0xFF);
     // Link-level devices without a descriptor; copying what they are sent reads it as an encoder would.
@@ -40,36 +40,28 @@ struct Harness {
     std::shared_ptr<NetDeviceUDP> manet = std::make_shared<NetDeviceUDP>(2048, 0xFF);
     std::shared_ptr<RecordingNetDevice> inert = std::make_shared<RecordingNetDevice>();
     UdpEndpoint sink;  // where forwarded frames for configured UDP peers go
+    bool with_manet;
 
-    explicit Harness(bool with_manet) {
+    explicit Harness(bool with_manet_iface) : with_manet(with_manet_iface) {
         for (NetDeviceUDP* device : {udp.get(), static_cast<NetDeviceUDP*>(udpserial.get()), manet.get()})
             if (!device->create_socket(*InetAddress::from("127.0.0.1", 0))) __builtin_trap();
-        add(1, Gate::LOCAL, udp);
-        add(2, Gate::LOCAL, udpserial);
-        add(3, Gate::LOCAL, serial);
-        if (with_manet) add(4, Gate::MANET, manet);
-        add(5, 7, inert);
         reset_tables();
     }
 
-    void add(uint32_t id, uint8_t type, std::shared_ptr<NetDevice> device) {
-        device->set_handler(&gate);
-        gate.ifaces[id] = Gate::Interface{id, type, std::move(device)};
-    }
-
-    // Back to the configured peers, so that learning from one input does not
-    // carry into the next and the tables stay bounded.
+    // A new gateway with only the configured peers, so that learning from
+    // one input does not carry into the next and the tables stay bounded.
     void reset_tables() {
-        gate.local_peers.clear();
-        gate.manet_peers.clear();
+        gate = std::make_unique<Gate>();
+        Gate::Interface* ifaces[] = {
+            gate->add_interface(1, Gate::LOCAL, udp), gate->add_interface(2, Gate::LOCAL, udpserial),
+            gate->add_interface(3, Gate::LOCAL, serial),
+            with_manet ? gate->add_interface(4, Gate::MANET, manet) : nullptr, gate->add_interface(5, 7, inert)};
         const std::optional<InetAddress> sink_address = InetAddress::from("127.0.0.1", sink.port());
-        gate.local_peers[0x10] = Gate::LocalPeer{&gate.ifaces[1], sink_address};
-        gate.local_peers[0x11] = Gate::LocalPeer{&gate.ifaces[2], sink_address};
-        gate.local_peers[0x12] = Gate::LocalPeer{&gate.ifaces[3], std::nullopt};
-        auto manet_iface = gate.ifaces.find(4);
-        if (manet_iface != gate.ifaces.end())
-            gate.add_manet_peer(manet_iface->second, CONFIGURED_MANET, 0x20, nullptr, sink_address);
-        gate.add_manet_peer(gate.ifaces[3], CONFIGURED_MANET + 1, 0x21, nullptr, std::nullopt);
+        gate->add_local_peer(*ifaces[0], 0x10, sink_address);
+        gate->add_local_peer(*ifaces[1], 0x11, sink_address);
+        gate->add_local_peer(*ifaces[2], 0x12, std::nullopt);
+        if (with_manet) gate->add_manet_peer(*ifaces[3], CONFIGURED_MANET, 0x20, nullptr, sink_address);
+        gate->add_manet_peer(*ifaces[2], CONFIGURED_MANET + 1, 0x21, nullptr, std::nullopt);
         // What was forwarded is not looked at; keep the sink and the records from filling.
         while (sink.receive(0)) {
         }
@@ -93,7 +85,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     const bool service_gateway = (data[0] & 1) != 0;
     Harness& h = service_gateway ? *without_manet : *with_manet;
-    h.gate.debug_level = 3;  // every log line is built
+    h.gate->set_debug_level(3);  // every log line is built
     const int pick = (data[0] >> 1) & 3;
     NetDeviceUDP* device = pick == 1 ? static_cast<NetDeviceUDP*>(h.udpserial.get()) : h.udp.get();
     if (pick == 2 && !service_gateway) device = h.manet.get();

@@ -25,7 +25,6 @@ protected:
             auto device = std::make_shared<vostrelka::net_device::NetDeviceUDPSerial>(2048, 0xFF);  // as built for use
             ASSERT_TRUE(device->create_socket(*InetAddress::from("127.0.0.1:0")));
             bench.add_iface(id, id == 3 ? Gate::MANET : Gate::LOCAL, device);
-            ASSERT_TRUE(gate.event_loop_entries.push_back(device.get()));
             in_socket = id == 1 ? device->get_socket() : in_socket;
         }
         log_lines_of([&] {

@@ -56,7 +56,7 @@ TEST_F(GateLoopTest, ReadyEntriesGetTheirBitsAndTheExceptionBitWheneverAnythingW
     ProbeEntry reader, quiet;
     reader.fd = busy[0], reader.watch = 0x01;
     quiet.fd = idle[0], quiet.watch = 0x04;
-    for (ProbeEntry* entry : {&reader, &quiet}) gate.event_loop_entries.push_back(entry);
+    for (ProbeEntry* entry : {&reader, &quiet}) gate.add_event_loop_entry(entry);
     pass();
     ASSERT_EQ(write(busy[1], "x", 1), 1);
     pass();
@@ -70,7 +70,7 @@ TEST_F(GateLoopTest, OnlyTheLastEntryWithATimerCountsOnceDueAndIfItHandlesTimers
     ProbeEntry early, last, without_handler;
     early.timer_deadline = past;
     last.timer_deadline = past + 3600 * SECOND_US;
-    for (ProbeEntry* entry : {&early, &last}) gate.event_loop_entries.push_back(entry);
+    for (ProbeEntry* entry : {&early, &last}) gate.add_event_loop_entry(entry);
     pass();
     last.timer_deadline = past + 1;
     pass();
@@ -78,16 +78,16 @@ TEST_F(GateLoopTest, OnlyTheLastEntryWithATimerCountsOnceDueAndIfItHandlesTimers
     EXPECT_EQ(last.timers, (std::vector<int64_t>{past + 1}));
 
     without_handler.has_timer_handler = false, without_handler.timer_deadline = past;
-    gate.event_loop_entries.push_back(&without_handler);
+    gate.add_event_loop_entry(&without_handler);
     pass();
     EXPECT_TRUE(without_handler.timers.empty());
 }
 
 TEST_F(GateLoopTest, SelectFailureIsLoggedAndThePassGoesOn) {
     auto radio = bench.add_recording_iface(1);
-    gate.handlers.push_back(std::make_unique<vostrelka::RFModemHandler>(radio.get(), 1, 1.0f, 1));
+    gate.add_handler(std::make_unique<vostrelka::RFModemHandler>(radio.get(), 1, 1.0f, 1));
     ProbeEntry stale;
-    gate.event_loop_entries.push_back(&stale);
+    gate.add_event_loop_entry(&stale);
     const Lines lines = log_lines_of([&] {
         // Closed after the capture opened its own descriptors, so that
         // nothing takes its number before select() sees it.
@@ -118,15 +118,15 @@ TEST_F(GateLoopTest, LinksLearnedOnLocalLinksAgeOutAfterTenSilentSeconds) {
     };
     for (const auto& l : links) {
         log_lines_of([&] { gate.add_manet_peer(bench.iface(l.iface), l.manet_addr, l.local_addr, nullptr, {}); });
-        gate.manet_peers.at(l.manet_addr).back().last_seen = l.last_seen;
+        gate.set_last_seen(l.manet_addr, gate.manet_peer_table().at(l.manet_addr).size() - 1, l.last_seen);
     }
     const std::string seen = std::to_string(stale);
     EXPECT_EQ(pass(), (Lines{"Remove MANet peer on iface 1, last seen " + seen + ": 0x0B000001 / 0x07",
                              "Remove MANet peer on iface 1, last seen " + seen + ": 0x0B000002 / 0x08"}));
-    EXPECT_EQ(gate.manet_peers.count(0x0B000001), 0u);
-    ASSERT_EQ(gate.manet_peers.at(0x0B000002).size(), 1u);
-    EXPECT_EQ(gate.manet_peers.at(0x0B000002)[0].local_addr, 0x09);
-    EXPECT_EQ(gate.manet_peers.count(0x0B000003), 1u);
+    EXPECT_EQ(gate.manet_peer_table().count(0x0B000001), 0u);
+    ASSERT_EQ(gate.manet_peer_table().at(0x0B000002).size(), 1u);
+    EXPECT_EQ(gate.manet_peer_table().at(0x0B000002)[0].local_addr, 0x09);
+    EXPECT_EQ(gate.manet_peer_table().count(0x0B000003), 1u);
 }
 
 // The adapter is a pseudo-terminal behind a symlinked path, as udev names a
@@ -139,7 +139,7 @@ TEST_F(GateLoopTest, SerialPortIsClosedOnceWhenUnpluggedAndReopenedWhenPluggedBa
     PtyPair first, second;
     ASSERT_EQ(symlink(first.slave_path().c_str(), path.c_str()), 0);
     auto port = std::make_shared<vostrelka::drivers::SerialPort>();
-    gate.factory.serial_ports().push_back({port, 1, 115200, path});
+    gate.device_factory().serial_ports().push_back({port, 1, 115200, path});
 
     EXPECT_EQ(pass(), Lines{"Serial port " + path + " connecting"});
     EXPECT_EQ(pass(), Lines{});

@@ -83,7 +83,7 @@ TEST_F(GateRoutingTest, LocalFrameLinesAppearAtTheirLevels) {
     const std::vector<std::pair<int, Lines>> cases = {
         {0, {}}, {1, {lost}}, {2, {forw, lost}}, {3, {recv(3), forw, recv(9), lost, recv(2)}}};
     for (const auto& [level, expected] : cases) {
-        gate.debug_level = level;
+        gate.set_debug_level(level);
         const Lines lines = log_lines_of([&] {
             for (uint8_t dst : {0x03, 0x09, 0x02}) serial1->receive(make_frame(OPAQUE_PROTO, 0x01, dst, {1}));
         });
@@ -97,12 +97,12 @@ TEST_F(GateRoutingTest, FrameFromADeviceOutsideTheTablesIsAnError) {
     RecordingNetDevice stranger;
     EXPECT_EQ(log_lines_of([&] { gate.on_frame(stranger, make_frame(OPAQUE_PROTO, 0x01, 0xFF, {1})); }),
               Lines{"ERROR: device is not in list"});
-    EXPECT_TRUE(gate.local_peers.empty());
+    EXPECT_TRUE(gate.local_peer_table().empty());
 }
 
 TEST_F(GateRoutingTest, ManetPacketCrossesFromALocalLinkToTheGatewayLinkAndBack) {
     link(3, 0x0A000002, 0x42);
-    gate.debug_level = 3;
+    gate.set_debug_level(3);
     const Bytes out = manet_payload(0x0B000001, 0x0A000002, {0xDE, 0xAD}, 5, 1);
     EXPECT_EQ(receive(*serial1, vostrelka::MANET_PROTO_ID, 0x01, 0xFF, out),
               (Lines{"recv MANet frame on iface 1: 0x0B000001 / 0x01 -> 0x0A000002 / 0xFF, size=12",
@@ -111,12 +111,12 @@ TEST_F(GateRoutingTest, ManetPacketCrossesFromALocalLinkToTheGatewayLinkAndBack)
     EXPECT_EQ(manet3->sent, (Frames{{vostrelka::MANET_PROTO_ID, 0x01, 0x42, out}}));
 
     const Bytes back = manet_payload(0x0A000002, 0x0B000001, {1, 2, 3});
-    gate.debug_level = 0;
+    gate.set_debug_level(0);
     EXPECT_EQ(receive(*manet3, vostrelka::MANET_PROTO_ID, 0x42, 0xFF, back), Lines{});
     EXPECT_EQ(serial1->sent, (Frames{{vostrelka::MANET_PROTO_ID, 0x42, 0x01, back}}));
     // Nothing is learned on the gateway link.
-    EXPECT_EQ(gate.local_peers.count(0x42), 0u);
-    EXPECT_EQ(gate.manet_peers.at(0x0A000002).size(), 1u);
+    EXPECT_EQ(gate.local_peer_table().count(0x42), 0u);
+    EXPECT_EQ(gate.manet_peer_table().at(0x0A000002).size(), 1u);
 }
 
 TEST_F(GateRoutingTest, FramesThatLeadNowhereAreDroppedWithTheirLines) {
@@ -140,11 +140,11 @@ TEST_F(GateRoutingTest, FramesThatLeadNowhereAreDroppedWithTheirLines) {
         {serial1.get(), vostrelka::MANET_PROTO_ID, Bytes(header.begin(), header.begin() + 9), 3, {}},
     };
     for (const auto& [from, proto_id, payload, level, expected] : cases) {
-        gate.debug_level = level;
+        gate.set_debug_level(level);
         EXPECT_EQ(receive(*from, proto_id, 0x20, 0x05, payload), expected);
         EXPECT_TRUE(serial1->sent.empty() && serial2->sent.empty() && manet3->sent.empty());
     }
-    EXPECT_EQ(gate.manet_peers.count(0x0C000001), 0u);
+    EXPECT_EQ(gate.manet_peer_table().count(0x0C000001), 0u);
 }
 
 TEST_F(GateRoutingTest, LocalPeerFollowsTheLastInterfaceAndAddressItWasHeardOn) {
@@ -158,16 +158,16 @@ TEST_F(GateRoutingTest, LocalPeerFollowsTheLastInterfaceAndAddressItWasHeardOn) 
     EXPECT_EQ(local(2, 0x05, "127.0.0.1:9001"), (Lines{"remove old local peer on iface 2: 0x05 / 127.0.0.1:9000",
                                                        "add local peer on iface 2: 0x05 / 127.0.0.1:9001"}));
     EXPECT_EQ(local(2, 0x05).size(), 2u);
-    ASSERT_EQ(gate.local_peers.size(), 1u);
-    EXPECT_EQ(gate.local_peers.at(0x05).iface, &bench.iface(2));
+    ASSERT_EQ(gate.local_peer_table().size(), 1u);
+    EXPECT_EQ(gate.local_peer_table().at(0x05).iface, &bench.iface(2));
 }
 
 TEST_F(GateRoutingTest, ASightingOfAKnownLinkRefreshesTheGatewaysFirstLink) {
     link(1, 0x0A000001, 0x10);
     link(2, 0x0A000001, 0x10);
-    auto& links = gate.manet_peers.at(0x0A000001);
+    auto& links = gate.manet_peer_table().at(0x0A000001);
     const uint64_t long_ago = static_cast<uint64_t>(vostrelka::time_us()) - 60000000;
-    links[0].last_seen = links[1].last_seen = long_ago;
+    for (size_t i : {0, 1}) gate.set_last_seen(0x0A000001, i, long_ago);
     // Matched on iface 2, refreshed on iface 1.
     EXPECT_EQ(link(2, 0x0A000001, 0x10), Lines{});
     ASSERT_EQ(links.size(), 2u);
@@ -187,11 +187,11 @@ TEST_F(GateRoutingTest, ANewAddressOrHostReplacesTheLinkOnThatInterfaceOnly) {
               (Lines{"Replace MANet peer on iface 3: 0x0A000001 / 0x12 / 10.0.0.2:5000",
                      "add MANet peer on iface 3: 0x0A000001 / 0xFF / localhost:5000 / UNKNOWN INET ADDR"}));
     // The same host text only refreshes; the new resolver is dropped.
-    const AddressResolver* kept = gate.manet_peers.at(0x0A000001)[1].resolver.get();
+    const AddressResolver* kept = gate.manet_peer_table().at(0x0A000001)[1].resolver.get();
     EXPECT_EQ(link(3, 0x0A000001, 0xFF, resolver("localhost:5000")), Lines{});
-    EXPECT_EQ(gate.manet_peers.at(0x0A000001)[1].resolver.get(), kept);
-    ASSERT_EQ(gate.manet_peers.at(0x0A000001).size(), 2u);
-    EXPECT_EQ(gate.manet_peers.at(0x0A000001)[0].iface, &bench.iface(1));
+    EXPECT_EQ(gate.manet_peer_table().at(0x0A000001)[1].resolver.get(), kept);
+    ASSERT_EQ(gate.manet_peer_table().at(0x0A000001).size(), 2u);
+    EXPECT_EQ(gate.manet_peer_table().at(0x0A000001)[0].iface, &bench.iface(1));
 }
 
 TEST_F(GateRoutingTest, PeerTextIsCutAt127Characters) {
@@ -212,7 +212,7 @@ TEST_F(GateRoutingTest, DeviceConfigIsForwardedThenAddsItsUtmOnceOnEveryManetInt
                      "add MANet peer on iface 4: 0x0A000001 / 0xFF / 127.0.0.1:5000 / UNKNOWN INET ADDR"}));
     EXPECT_EQ(serial2->sent, (Frames{{vostrelka::SERVICE_PROTO_ID, 0x01, 0xFF, config}}));
     EXPECT_EQ(receive(*serial1, vostrelka::SERVICE_PROTO_ID, 0x01, 0xFF, config), Lines{});
-    EXPECT_EQ(gate.manet_peers.at(0x0A000001).size(), 2u);
+    EXPECT_EQ(gate.manet_peer_table().at(0x0A000001).size(), 2u);
 }
 
 TEST_F(GateRoutingTest, MalformedUnusableOrOtherServiceMessagesChangeNothing) {
@@ -231,7 +231,7 @@ TEST_F(GateRoutingTest, MalformedUnusableOrOtherServiceMessagesChangeNothing) {
     };
     for (const auto& [payload, proto_id, expected] : cases) {
         EXPECT_EQ(receive(*serial1, proto_id, 0x01, 0xFF, payload), expected);
-        EXPECT_TRUE(gate.manet_peers.empty());
+        EXPECT_TRUE(gate.manet_peer_table().empty());
     }
 }
 

@@ -1,11 +1,12 @@
 #pragma once
-// A Gate built in the test process, with interfaces inserted by hand, and
-// the small builders the gateway tests share.
+// A Gate built in the test process, with interfaces added as the
+// configuration adds them, and the small builders the gateway tests share.
 #include <gtest/gtest.h>
 
 #include <cstdint>
 #include <memory>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -19,22 +20,18 @@ using Lines = std::vector<std::string>;
 struct InProcessGate {
     vostrelka::Gate gate;
 
-    // Adds interface `id` of `type` over `device` and makes the gate its handler.
     vostrelka::Gate::Interface& add_iface(uint32_t id, uint8_t type,
                                           std::shared_ptr<vostrelka::net_device::NetDevice> device) {
-        device->set_handler(&gate);
-        vostrelka::Gate::Interface& iface = gate.ifaces[id];
-        iface.id = id;
-        iface.type = type;
-        iface.net_device = std::move(device);
-        return iface;
+        vostrelka::Gate::Interface* iface = gate.add_interface(id, type, std::move(device));
+        if (iface == nullptr) throw std::runtime_error("interface " + std::to_string(id) + " refused");
+        return *iface;
     }
     std::shared_ptr<RecordingNetDevice> add_recording_iface(uint32_t id, uint8_t type = vostrelka::Gate::LOCAL) {
         auto device = std::make_shared<RecordingNetDevice>();
         add_iface(id, type, device);
         return device;
     }
-    vostrelka::Gate::Interface& iface(uint32_t id) { return gate.ifaces.at(id); }
+    vostrelka::Gate::Interface& iface(uint32_t id) { return *gate.find_interface(id); }
 };
 
 // Appends the `size` lowest bytes of `value`, least significant first.
