@@ -41,10 +41,11 @@ TEST(FrameSyntax, AcceptedSpellingsFormatCanonicallyAndMalformedOnesSayWhy) {
     }
 }
 
-TEST(FrameSyntax, TheFrameOfADumpLineOrOfABareLineIsFound) {
+TEST(FrameSyntax, TheFrameOfADumpOrTapLineOrOfABareLineIsFound) {
     const std::pair<const char*, const char*> cases[] = {
         {"(1732170000.123456) 07:01>02#DEADBEEF  proto_id 7  0x01 -> 0x02  len 4", "07:01>02#DEADBEEF"},
         {"(1.000001)\t0A:01>02#  proto_id 10  manet cut short", "0A:01>02#"},
+        {"(1732170000.123456) iface 12 out 07:01>02#DEADBEEF  proto_id 7", "07:01>02#DEADBEEF"},
         {"  07:01>02#AA trailing words\r", "07:01>02#AA"},
         {" \t\r", ""},
         // A stamp alone is no frame; the parser then says what is missing.

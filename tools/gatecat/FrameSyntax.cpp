@@ -168,6 +168,13 @@ std::string_view frame_field_of_line(std::string_view line) {
             while (field < line.size() && is_blank(line[field])) field++;
             // A stamp with nothing after it: let the frame parser say so.
             if (field == line.size()) return line;
+            // A tap line names the interface and direction before the frame.
+            if (line.substr(field, 6) == "iface ") {
+                for (int word = 0; word < 3 && field < line.size(); word++) {
+                    while (field < line.size() && !is_blank(line[field])) field++;
+                    while (field < line.size() && is_blank(line[field])) field++;
+                }
+            }
         }
     }
     size_t field_end = field;

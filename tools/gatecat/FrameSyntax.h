@@ -48,9 +48,11 @@ bool parse_frame(std::string_view text, TextFrame& out, std::string& error);
 std::string format_frame(const net_device::Frame& frame);
 
 // The frame field of one line of `gatecat send` input. A line is either a
-// frame alone or a line as `gatecat dump` prints it, that is an optional
-// "(time stamp)" field, the frame, and anything after it:
+// frame alone or a line as `gatecat dump` or `gatecat tap` prints it, that
+// is an optional "(time stamp)" field (after it, on a tap line, the
+// interface and direction), the frame, and anything after it:
 //   (1732170000.123456) 07:01>02#DEADBEEF  proto_id 7  0x01 -> 0x02  len 4
+//   (1732170000.123456) iface 1 in 07:01>02#DEADBEEF  proto_id 7  0x01 -> 0x02  len 4
 // Surrounding blanks are ignored. Empty for a line with no field (blank),
 // which is skipped, not an error.
 std::string_view frame_field_of_line(std::string_view line);

@@ -53,9 +53,9 @@ dump
 
 send
   Sends each FRAME given, in order; with none, reads frames from standard
-  input, one per line. A line may be a `gatecat dump` line: a leading
-  "(time stamp)" field and everything after the frame are ignored; blank
-  lines are skipped.
+  input, one per line. A line may be a `gatecat dump` or `gatecat tap`
+  line: a leading "(time stamp)" field, a tap's "iface N in|out" and
+  everything after the frame are ignored; blank lines are skipped.
 
 stats, peers
   Ask a running gateway, through the control socket its configuration
