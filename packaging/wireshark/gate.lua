@@ -138,6 +138,18 @@ local function padded_text(range)
     return range:stringz()
 end
 
+-- Wireshark has no empty range at the end of a buffer: nil stands for one.
+local function sub(range, offset, length)
+    local available = range and range:len() - offset or 0
+    length = length or available
+    if length <= 0 or available <= 0 then return nil end
+    return range(offset, length)
+end
+
+local function length_of(range)
+    return range and range:len() or 0
+end
+
 -- Adds the fields of one message body; returns the bytes read, or nil when
 -- the body ends before its last field.
 local function add_fields(tree, body, layout)
@@ -145,7 +157,7 @@ local function add_fields(tree, body, layout)
     for _, entry in ipairs(layout) do
         local key, size, reader = entry[1], entry[2], entry[3]
         if size == "string" then
-            if body:len() < offset + 4 then return nil end
+            if length_of(body) < offset + 4 then return nil end
             local length = body(offset, 4):le_uint()
             if body:len() < offset + 4 + length then return nil end
             if length == 0 then
@@ -155,11 +167,13 @@ local function add_fields(tree, body, layout)
             end
             offset = offset + 4 + length
         elseif type(size) == "table" then
-            local read = add_fields(tree:add(gate, body(offset), key), body(offset), size)
+            local nested = sub(body, offset)
+            if nested == nil then return nil end
+            local read = add_fields(tree:add(gate, nested, key), nested, size)
             if read == nil then return nil end
             offset = offset + read
         else
-            if body:len() < offset + size then return nil end
+            if length_of(body) < offset + size then return nil end
             local range = body(offset, size)
             if reader == "text" then
                 tree:add(f[key], range, padded_text(range))
@@ -219,12 +233,13 @@ local function dissect_service(payload, tree)
         local size = rest >= 5 and payload(offset + 6, 4):le_uint() or nil
         if size == nil or rest < size + 5 then
             tree:add_proto_expert_info(cut_short, "service record cut short")
+            table.insert(names, "cut short")
             break
         end
         local record = tree:add(gate, payload(offset, 10 + size), "Service record")
         record:add_le(f["record.seq"], payload(offset, 4))
         record:add(f["record.type"], payload(offset + 4, 1))
-        local body = size > 0 and payload(offset + 10, size) or payload(offset + 10, 0)
+        local body = sub(payload, offset + 10, size)
         table.insert(names, add_message(record, payload(offset + 5, 1), payload(offset + 6, 4), body,
             SERVICE_MESSAGES, SERVICE_LAYOUTS))
         offset = offset + size + 5
@@ -241,10 +256,11 @@ local function dissect_rfmodem(payload, tree)
         local size = left >= 5 and payload(offset + 1, 4):le_uint() or nil
         if size == nil or left - 5 < size then
             tree:add_proto_expert_info(cut_short, "modem record cut short")
+            table.insert(names, "cut short")
             break
         end
         local record = tree:add(gate, payload(offset, 5 + size), "RF modem record")
-        local body = payload(offset + 5, size)
+        local body = sub(payload, offset + 5, size)
         table.insert(names, add_message(record, payload(offset, 1), payload(offset + 1, 4), body,
             MODEM_MESSAGES, MODEM_LAYOUTS))
         offset = offset + 5 + size

@@ -45,7 +45,7 @@ TEST(GatecatCapture, WiresharkShowsTheFieldsOfEveryFrameKind) {
                                       zeros(23) + ".02000000.7B7D";
     dump_to_capture("udp://127.0.0.1:" + std::to_string(b), "udp://" + to_b,
                     {"07:10>20#DEADBEEF", "0A:01>02#01000000.0201000A.03.01.AABB", device_config,
-                     "0E:30>10#01.09000000.05000000.0000803F.03"},
+                     "0E:30>10#01.09000000.05000000.0000803F.03", "0E:01>02#09.00000000"},
                     dir.path() + "/udp.pcap");
     // 42 and 55 inside a frame go escaped on a serial-framed link.
     dump_to_capture("udpserial://127.0.0.1:" + std::to_string(b), "udpserial://" + to_b, {"09:20>30#4255AA"},
@@ -69,6 +69,10 @@ TEST(GatecatCapture, WiresharkShowsTheFieldsOfEveryFrameKind) {
             "proto_id: 14; Source: 0x30; Destination: 0x10; Payload length: 14; Payload: "
             "0109000000050000000000803f03; RF modem record; Message id: 1; Body size: 9; Message: base_config; "
             "addr: 5; power: 1; channel: 3",
+        // A message of no body, last in its payload.
+        udp +
+            "proto_id: 14; Source: 0x01; Destination: 0x02; Payload length: 5; Payload: 0900000000; "
+            "RF modem record; Message id: 9; Body size: 0; Message: unknown message 9",
         "Interface id: 0; Direction: in (0); Medium: udpserial (2); Serial framing; Escaped bytes: 2; "
         "CRC-32: 0x8b9f5f0b; CRC status: good; proto_id: 9; Source: 0x20; Destination: 0x30; "
         "Payload length: 3; Payload: 4255aa",
