@@ -3,7 +3,6 @@
 #include <cstdio>
 
 #include "Gate.h"
-#include "SameAddress.h"
 #include "vostrelka/Time.h"
 #include "vostrelka/debug.h"
 
@@ -59,7 +58,7 @@ bool Gate::add_local_peer(Interface& iface, uint8_t addr, const std::optional<In
         // Heard again where it already lives: nothing to learn. Having an
         // address on one side only counts as a move.
         if (old.iface->id == iface.id && old.inet_addr.has_value() == inet_addr.has_value() &&
-            (!inet_addr || same_address(*old.inet_addr, *inet_addr))) {
+            (!inet_addr || *old.inet_addr == *inet_addr)) {
             return false;
         }
         debug("remove old local peer on iface %u: %s", old.iface->id, full_addr_s_local(addr, old.inet_addr).c_str());
@@ -87,7 +86,7 @@ bool Gate::add_manet_peer(Interface& iface, uint32_t manet_addr, uint8_t local_a
         if (resolver) {
             same = link.resolver && link.resolver->to_s() == resolver->to_s();
         } else if (inet_addr && link.inet_addr) {
-            same = same_address(*inet_addr, *link.inet_addr);
+            same = *inet_addr == *link.inet_addr;
         }
         if (same) {
             ++same_links;

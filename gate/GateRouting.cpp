@@ -2,7 +2,6 @@
 // on where its destination requires. Log text is built only when the level
 // lets it through.
 #include "Gate.h"
-#include "SameAddress.h"
 #include "vostrelka/ProtoIds.h"
 #include "vostrelka/debug.h"
 #include "vostrelka/manet/MAPacket.h"
@@ -97,7 +96,7 @@ void Gate::forward_local_frame(const net_device::NetDevice& from_device, const n
     // On a bus without socket addresses every peer of the sending device is
     // the sender, so nothing is ever echoed back onto the bus it came from.
     auto is_sender = [&](const LocalPeer& peer) {
-        return peer.iface->net_device.get() == &from_device && same_address(peer.inet_addr, from_inet);
+        return peer.iface->net_device.get() == &from_device && peer.inet_addr == from_inet;
     };
     auto forward_to = [&](LocalPeer& peer) {
         if (debug_level >= LEVEL_FORWARD) {

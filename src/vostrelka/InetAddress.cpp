@@ -79,18 +79,4 @@ std::string InetAddress::to_s() const {
 // router compares addresses for every frame. Hosts may hold colons (IPv6
 // text, hosts given apart from their port), so the texts are compared as
 // wholes, not field by field.
-bool InetAddress::operator==(const InetAddress& other) const {
-    const size_t length = host.size() + 1 + port_str.size();
-    if (length != other.host.size() + 1 + other.port_str.size()) return false;
-    auto at = [](const InetAddress& a, size_t i) {
-        if (i < a.host.size()) return a.host[i];
-        if (i == a.host.size()) return ':';
-        return a.port_str[i - a.host.size() - 1];
-    };
-    for (size_t i = 0; i < length; ++i) {
-        if (at(*this, i) != at(other, i)) return false;
-    }
-    return true;
-}
-
 }  // namespace vostrelka

@@ -33,8 +33,28 @@ struct InetAddress {
     ::sockaddr* sockaddr() { return reinterpret_cast<::sockaddr*>(&addr); }
     const ::sockaddr* sockaddr() const { return reinterpret_cast<const ::sockaddr*>(&addr); }
 
-    bool operator==(const InetAddress& other) const;
+    // Equal text forms, without building them. Inline: routing compares
+    // the sender of every frame with its known peers.
+    bool operator==(const InetAddress& other) const {
+        if (host.size() + port_str.size() != other.host.size() + other.port_str.size()) return false;
+        // Hosts of one length (every frame from a known sender): the texts
+        // match exactly when both parts do.
+        if (host.size() == other.host.size()) return host == other.host && port_str == other.port_str;
+        const size_t length = host.size() + 1 + port_str.size();
+        for (size_t i = 0; i < length; ++i) {
+            if (text_at(i) != other.text_at(i)) return false;
+        }
+        return true;
+    }
     bool operator!=(const InetAddress& other) const { return !(*this == other); }
+
+private:
+    // Character `i` of to_s().
+    char text_at(size_t i) const {
+        if (i < host.size()) return host[i];
+        if (i == host.size()) return ':';
+        return port_str[i - host.size() - 1];
+    }
 };
 
 }  // namespace vostrelka
