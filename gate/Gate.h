@@ -132,9 +132,10 @@ private:
     void check_serial_port();
     void check_serial_port(net_device::NetDeviceFactory::SerialPortDeviceInfo& record);
 
-    void forward_local_frame(const net_device::NetDevice& from_device, const net_device::Frame& frame,
+    // Both return false when the frame found nowhere to go.
+    bool forward_local_frame(const net_device::NetDevice& from_device, const net_device::Frame& frame,
                              const std::optional<InetAddress>& from_inet);
-    void forward_manet_frame(const Interface& from_iface, const net_device::Frame& frame, const manet::MAPacket& packet,
+    bool forward_manet_frame(const Interface& from_iface, const net_device::Frame& frame, const manet::MAPacket& packet,
                              const std::optional<InetAddress>& from_inet);
     void handle_service_frame(const net_device::Frame& frame);
     void handle_device_config(const tessera::MessageInfo& info);

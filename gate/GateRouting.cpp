@@ -19,15 +19,16 @@ const std::optional<InetAddress> NO_INET_ADDR;
 
 // A UDP device sends to one destination at a time, so it is pointed at the
 // peer right before each send; a peer without a socket address on a UDP
-// device cannot be reached and is skipped.
-void send_on(Gate::Interface& iface, const std::optional<InetAddress>& inet_addr, const net_device::Frame& frame) {
+// device cannot be reached and is skipped (false).
+bool send_on(Gate::Interface& iface, const std::optional<InetAddress>& inet_addr, const net_device::Frame& frame) {
     if (net_device::NetDeviceUDP* udp = iface.udp) {
-        if (!inet_addr) return;
+        if (!inet_addr) return false;
         udp->set_destination_address(*inet_addr);
         udp->send_raw(frame);
-        return;
+        return true;
     }
     iface.net_device->send_raw(frame);
+    return true;
 }
 }  // namespace
 
@@ -64,34 +65,44 @@ void Gate::on_frame(net_device::NetDevice& device, const net_device::Frame& fram
         }
     }
 
+    // Frames that find no way on are counted against the interface they
+    // came in on, whatever the debug level.
     if (iface.type == LOCAL) {
         add_local_peer(iface, frame.src, from_inet);
         if (!is_manet) {
-            forward_local_frame(device, frame, from_inet);
+            if (!forward_local_frame(device, frame, from_inet)) device.count_unroutable();
             if (frame.proto_id == SERVICE_PROTO_ID) handle_service_frame(frame);
             return;
         }
-        if (!header_ok) return;
+        if (!header_ok) {
+            device.count_unroutable();
+            return;
+        }
         add_manet_peer(iface, packet.src_addr, frame.src, std::unique_ptr<AddressResolver>(), from_inet);
-        forward_manet_frame(iface, frame, packet, from_inet);
+        if (!forward_manet_frame(iface, frame, packet, from_inet)) device.count_unroutable();
     } else if (iface.type == MANET) {
         if (!is_manet) {
             if (debug_level >= LEVEL_WARNING) {
                 debug("WARNING: non-MANet protocol on MANet interface, iface %u: %s -> 0x%02X, proto_id %u", iface.id,
                       full_addr_s_local(frame.src, from_inet).c_str(), frame.dst, frame.proto_id);
             }
+            device.count_unroutable();
             return;
         }
-        if (!header_ok) return;
         // Only gateways already known (configured, announced or learned on
         // a local link) may send MANet traffic in; nothing is learned here.
-        if (manet_peers.find(packet.src_addr) == manet_peers.end()) return;
-        forward_manet_frame(iface, frame, packet, from_inet);
+        if (!header_ok || manet_peers.find(packet.src_addr) == manet_peers.end() ||
+            !forward_manet_frame(iface, frame, packet, from_inet)) {
+            device.count_unroutable();
+        }
     }
     // Any other interface type is inert.
 }
 
-void Gate::forward_local_frame(const net_device::NetDevice& from_device, const net_device::Frame& frame,
+// False when a unicast has no peer to go to, or only one without a socket
+// address. A broadcast, and a unicast to the sender's own link, are not
+// failures: they reached every peer that should have them.
+bool Gate::forward_local_frame(const net_device::NetDevice& from_device, const net_device::Frame& frame,
                                const std::optional<InetAddress>& from_inet) {
     // On a bus without socket addresses every peer of the sending device is
     // the sender, so nothing is ever echoed back onto the bus it came from.
@@ -103,7 +114,7 @@ void Gate::forward_local_frame(const net_device::NetDevice& from_device, const n
             debug("forw frame to iface %u: 0x%02X -> %s, proto_id %u", peer.iface->id, frame.src,
                   full_addr_s_local(frame.dst, peer).c_str(), frame.proto_id);
         }
-        send_on(*peer.iface, peer.inet_addr, frame);
+        return send_on(*peer.iface, peer.inet_addr, frame);
     };
 
     if (frame.dst != net_device::BROADCAST_ADDR) {
@@ -113,10 +124,9 @@ void Gate::forward_local_frame(const net_device::NetDevice& from_device, const n
                 debug("WARNING: local peer not found to route 0x%02X -> 0x%02X, proto_id %u", frame.src, frame.dst,
                       frame.proto_id);
             }
-            return;
+            return false;
         }
-        if (!is_sender(found->second)) forward_to(found->second);
-        return;
+        return is_sender(found->second) || forward_to(found->second);
     }
 
     // Once per peer, not once per interface: an interface with three peers
@@ -125,9 +135,12 @@ void Gate::forward_local_frame(const net_device::NetDevice& from_device, const n
         if (addr == frame.src || is_sender(peer)) continue;
         forward_to(peer);
     }
+    return true;
 }
 
-void Gate::forward_manet_frame(const Interface& from_iface, const net_device::Frame& frame,
+// False when no link of the destination could take the packet: none known,
+// only links on interfaces of the sender's kind, or none with an address yet.
+bool Gate::forward_manet_frame(const Interface& from_iface, const net_device::Frame& frame,
                                const manet::MAPacket& packet, const std::optional<InetAddress>& from_inet) {
     auto found = manet_peers.find(packet.dst_addr);
     if (found == manet_peers.end()) {
@@ -136,11 +149,12 @@ void Gate::forward_manet_frame(const Interface& from_iface, const net_device::Fr
                   full_addr_s_manet(packet.src_addr, frame.src, NO_RESOLVER, from_inet).c_str(),
                   full_addr_s_manet(packet.dst_addr, frame.dst, NO_RESOLVER, NO_INET_ADDR).c_str());
         }
-        return;
+        return false;
     }
 
     // MANet packets only cross between local links and gateway links; a
     // gateway never relays gateway to gateway nor local link to local link.
+    bool sent = false;
     for (MANetPeer& link : found->second) {
         if (link.iface->type == from_iface.type) {
             if (debug_level >= LEVEL_WARNING) {
@@ -158,8 +172,9 @@ void Gate::forward_manet_frame(const Interface& from_iface, const net_device::Fr
                   full_addr_s_manet(packet.src_addr, frame.src, NO_RESOLVER, from_inet).c_str(),
                   full_addr_s_manet(packet.dst_addr, link.local_addr, NO_RESOLVER, link.inet_addr).c_str());
         }
-        send_on(*link.iface, link.inet_addr, out);
+        sent = send_on(*link.iface, link.inet_addr, out) || sent;
     }
+    return sent;
 }
 
 }  // namespace vostrelka

@@ -91,6 +91,8 @@ TEST_F(GateRoutingTest, LocalFrameLinesAppearAtTheirLevels) {
     }
     EXPECT_EQ(serial2->sent.size(), 4u);
     EXPECT_TRUE(serial1->sent.empty());
+    // Only the unknown destination counts; 0x02 had it on the bus already.
+    EXPECT_EQ(serial1->counters().drops.unroutable, 4u);
 }
 
 TEST_F(GateRoutingTest, FrameFromADeviceOutsideTheTablesIsAnError) {
@@ -145,6 +147,8 @@ TEST_F(GateRoutingTest, FramesThatLeadNowhereAreDroppedWithTheirLines) {
         EXPECT_TRUE(serial1->sent.empty() && serial2->sent.empty() && manet3->sent.empty());
     }
     EXPECT_EQ(gate.manet_peer_table().count(0x0C000001), 0u);
+    EXPECT_EQ(manet3->counters().drops.unroutable, 2u);
+    EXPECT_EQ(serial1->counters().drops.unroutable, 3u);
 }
 
 TEST_F(GateRoutingTest, LocalPeerFollowsTheLastInterfaceAndAddressItWasHeardOn) {

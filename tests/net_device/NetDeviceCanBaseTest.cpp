@@ -91,7 +91,8 @@ TEST(NetDeviceCanBase, RefusesAFrameWholeWhenTheQueueLacksRoomAndStillAdvancesTh
     device.bus_room = 0;                                                      // nothing leaves the queue
     ASSERT_EQ(device.send_raw(make_frame(5, 0x10, 0x20, Bytes(88, 1))), 0);   // 12 frames of 16
     EXPECT_EQ(device.send_raw(make_frame(5, 0x10, 0x20, Bytes(32, 1))), -1);  // 5 do not fit
-    EXPECT_EQ(device.get_stats().tx_queue_full, 1u);
+    EXPECT_EQ(device.counters().can.tx_queue_full, 1u);
+    EXPECT_EQ(device.counters().drops.queue_full, 1u);
     ASSERT_EQ(device.send_raw(make_frame(5, 0x10, 0x20, Bytes(24, 1))), 0) << "4 fit exactly";
     device.bus_room = static_cast<size_t>(-1);
     EXPECT_TRUE(device.do_write());
@@ -116,7 +117,7 @@ TEST(NetDeviceCanBase, CounterJumpOfThreeToFiveStallsTheReceiver) {
                             std::to_string(counter) + "\n"
                       : "")
             << int(diff);
-        EXPECT_EQ(device.get_stats().receivers_stalled, stalls ? 1u : 0u);
+        EXPECT_EQ(device.counters().can.receivers_stalled, stalls ? 1u : 0u);
         device.log_of({new_message[1], new_message[2], old_message[2], old_message[3]});
         Frames expected = {{5, 0x2A, 1, Bytes(9, 7)}};
         if (!stalls) expected.push_back({5, 0x2A, 1, TWENTY});
@@ -131,7 +132,7 @@ TEST(NetDeviceCanBase, SeventeenthSenderOverwritesTheLeastRecentlyUsedReceiver) 
     for (uint8_t src = 1; src <= 16; src++) device.handle_can_frame(messages[src - 1][0]);
     device.handle_can_frame(messages[0][1]);  // sender 1 is now the most recent; sender 2 the oldest
     EXPECT_EQ(device.log_of({messages[16][0]}), "NetDeviceCan: WARNING: overwriting receiver for addr=0x11\n");
-    EXPECT_EQ(device.get_stats().receivers_overwritten, 1u);
+    EXPECT_EQ(device.counters().can.receivers_overwritten, 1u);
     for (uint8_t src : {17, 1, 2, 3}) {
         for (size_t i = src == 1 ? 2 : 1; i < 4; i++) device.handle_can_frame(messages[src - 1][i]);
     }
@@ -151,7 +152,7 @@ TEST(NetDeviceCanBase, CountsAndLogsDecoderErrors) {
         device.log_of(duplicate) + device.log_of(encode(8, 1, 5, Bytes(72, 0xC3)), {0, 8, 9}) + device.log_of(overflow),
         "NetDeviceCan: ERROR decoding frame: 3, seq=5\nNetDeviceCan: ERROR decoding frame: 2, seq=5\n"
         "NetDeviceCan: ERROR decoding frame: 1, seq=5\n");
-    const CanDeviceStats stats = device.get_stats();
+    const CanDeviceStats stats = device.counters().can;
     EXPECT_EQ((std::vector<uint32_t>{stats.duplicate_seq, stats.crc_errors, stats.rx_overflows}),
               (std::vector<uint32_t>{1, 1, 1}));
     EXPECT_TRUE(device.recorder.frames.empty());

@@ -155,6 +155,7 @@ TEST(SerialQueueTest, DeviceQueuesOnAClosedPortRefusesWhatDoesNotFitAndKeepsTheU
     port.limit = 100000;
     EXPECT_EQ(device.send_raw(make_frame(7, 1, 2, payload)), -1);
     EXPECT_EQ(port.line, queued);
-    EXPECT_EQ(device.get_stats().encode_errors, 2u);
+    EXPECT_EQ(device.counters().serial.encode_errors, 2u);
+    EXPECT_EQ(device.counters().drops.queue_full, 2u);
     EXPECT_EQ(watched(device, 7), "r");
 }

@@ -106,7 +106,7 @@ TEST(NetDeviceUDPSerial, SendsOneEncodedFramePerDatagramWhileItFits) {
     EXPECT_GE(link.peer.receive().value_or(Bytes{}).size(), 2 * 2040u + 9);
     EXPECT_EQ(output_of([&] { EXPECT_EQ(link.device.send_raw(make_frame(1, 2, 3, Bytes(2048, 0x42))), -1); }),
               "NetDeviceUDPSerial: ERROR: encoding frame, payload_size=2048, buffer+size=4099\n");
-    EXPECT_EQ(link.device.get_error_stats().encode_errors, 1u);
+    EXPECT_EQ(link.device.counters().serial.encode_errors, 1u);
 
     NetDeviceUDPSerial unaddressed(2048, 2);
     ASSERT_TRUE(unaddressed.create_socket(inet("127.0.0.1:0")));
@@ -126,6 +126,6 @@ TEST(NetDeviceUDPSerial, DecodesFramesSplitAcrossOrPackedIntoDatagramsUpTo2040By
     link.feed({to_serial_bytes({1, 2, 2, Bytes(2041, 0x01)})}, &other);
     const RecordedFrame small = {8, 1, 2, SMALL_PAYLOAD};
     EXPECT_EQ(link.handler.frames, (Frames{small, small, {9, 1, 0xFF, {}}, small, {1, 2, 2, Bytes(2040, 0x42)}}));
-    EXPECT_EQ(link.device.get_error_stats().rx_overflows, 1u);
+    EXPECT_EQ(link.device.counters().serial.rx_overflows, 1u);
     EXPECT_EQ(link.device.get_sender_inet_addr().addr.sin_port, htons(other.port()));
 }

@@ -2,40 +2,31 @@
 
 #include <cstdio>
 
-#include "vostrelka/net_device/NetDeviceCanBase.h"
-#include "vostrelka/net_device/NetDeviceSerialBase.h"
-#include "vostrelka/net_device_udp/NetDeviceUDPSerial.h"
-
 namespace vostrelka {
 namespace gatecat {
 
-namespace {
-
-std::string serial_counters(const net_device::SerialEncoderErrorStats& stats) {
-    char text[160];
-    std::snprintf(text, sizeof text, "codec errors: encode %u, rx overflow %u, crc %u, short %u, escape %u",
-                  stats.encode_errors, stats.rx_overflows, stats.crc_errors, stats.short_messages, stats.escape_errors);
-    return text;
-}
-
-}  // namespace
-
 std::string codec_error_counters(net_device::NetDevice& device) {
-    if (auto* serial = dynamic_cast<net_device::NetDeviceSerialBase*>(&device)) {
-        return serial_counters(serial->get_stats());
-    }
-    if (auto* udp_serial = dynamic_cast<net_device::NetDeviceUDPSerial*>(&device)) {
-        return serial_counters(udp_serial->get_error_stats());
-    }
-    if (auto* can = dynamic_cast<net_device::NetDeviceCanBase*>(&device)) {
-        const net_device::CanDeviceStats stats = can->get_stats();
-        char text[224];
-        std::snprintf(text, sizeof text,
-                      "codec errors: tx queue full %u, duplicate seq %u, crc %u, rx overflow %u, "
-                      "receivers overwritten %u, receivers stalled %u",
-                      stats.tx_queue_full, stats.duplicate_seq, stats.crc_errors, stats.rx_overflows,
-                      stats.receivers_overwritten, stats.receivers_stalled);
-        return text;
+    const net_device::DeviceCounters counters = device.counters();
+    char text[224];
+    switch (counters.decode_kind) {
+        case net_device::DecodeErrorKind::SERIAL: {
+            const net_device::SerialEncoderErrorStats& serial = counters.serial;
+            std::snprintf(text, sizeof text, "codec errors: encode %u, rx overflow %u, crc %u, short %u, escape %u",
+                          serial.encode_errors, serial.rx_overflows, serial.crc_errors, serial.short_messages,
+                          serial.escape_errors);
+            return text;
+        }
+        case net_device::DecodeErrorKind::CAN: {
+            const net_device::CanDeviceStats& can = counters.can;
+            std::snprintf(text, sizeof text,
+                          "codec errors: tx queue full %u, duplicate seq %u, crc %u, rx overflow %u, "
+                          "receivers overwritten %u, receivers stalled %u",
+                          can.tx_queue_full, can.duplicate_seq, can.crc_errors, can.rx_overflows,
+                          can.receivers_overwritten, can.receivers_stalled);
+            return text;
+        }
+        case net_device::DecodeErrorKind::NONE:
+            break;
     }
     return std::string();
 }

@@ -2,6 +2,7 @@
 #include <cstdint>
 
 #include "vostrelka/EventLoopEntry.h"
+#include "vostrelka/net_device/DeviceCounters.h"
 #include "vostrelka/net_device/Frame.h"
 #include "vostrelka/net_device/NetDeviceMessageHandlerI.h"
 
@@ -12,10 +13,17 @@ namespace net_device {
 // `handler`; frames are dropped while no handler is set.
 class NetDevice : public event_system::EventLoopEntry {
 public:
-    explicit NetDevice(uint8_t address_) : address(address_) {}
+    explicit NetDevice(uint8_t address_, DecodeErrorKind decode_kind = DecodeErrorKind::NONE) : address(address_) {
+        counts.decode_kind = decode_kind;
+    }
 
     // Encode and send (or queue) one frame: 0 on success, -1 on failure.
     virtual int send_raw(const Frame& frame) = 0;
+
+    // Traffic, decode errors and drops, the same struct for every device.
+    virtual DeviceCounters counters() const { return counts; }
+    // The router found nowhere to send a frame this device delivered.
+    void count_unroutable() { counts.drops.unroutable++; }
 
     void set_handler(NetDeviceMessageHandlerI* handler_) { handler = handler_; }
 
@@ -26,8 +34,13 @@ public:
 protected:
     // Destination filter, then the handler if one is set.
     void deliver(const Frame& frame) {
+        counts.frames_in++;
         if (handler != nullptr && accepts_destination(address, frame.dst)) handler->on_frame(*this, frame);
     }
+    // A frame accepted for sending (sent, or queued behind others).
+    void count_sent(const Frame& /*frame*/) { counts.frames_out++; }
+
+    DeviceCounters counts;
 };
 
 }  // namespace net_device

@@ -14,7 +14,10 @@ constexpr uint8_t PRIORITY_HIGH = 0;
 
 NetDeviceCanBase::NetDeviceCanBase(uint8_t address_, ArrayList<CanDeviceReceiver>& receivers_,
                                    RingBuffer<CanFrame>& tx_queue_, RingBuffer<CanFrame>* tx_queue_highprio_)
-    : NetDevice(address_), tx_queue(tx_queue_), tx_queue_highprio(tx_queue_highprio_), receivers(receivers_) {}
+    : NetDevice(address_, DecodeErrorKind::CAN),
+      tx_queue(tx_queue_),
+      tx_queue_highprio(tx_queue_highprio_),
+      receivers(receivers_) {}
 
 int NetDeviceCanBase::send_raw(const Frame& frame) {
     return send_raw_with_buffer(frame, tx_queue, PRIORITY_NORMAL);
@@ -33,12 +36,17 @@ int NetDeviceCanBase::send_raw_with_buffer(const Frame& frame, RingBuffer<CanFra
 
     const uint32_t frames = encoder.get_frames_number();
     // The sequence number cannot count past 255 data frames.
-    if (frames > CAN_MAX_DATA_FRAMES + 1) return -1;
+    if (frames > CAN_MAX_DATA_FRAMES + 1) {
+        counts.drops.send_error++;
+        return -1;
+    }
     if (frames > queue.room()) {
-        stats.tx_queue_full++;
+        counts.can.tx_queue_full++;
+        counts.drops.queue_full++;
         return -1;
     }
     while (!encoder.finished()) queue.push(encoder.next());
+    count_sent(frame);
     do_write();
     return 0;
 }
@@ -55,6 +63,7 @@ bool NetDeviceCanBase::do_write() {
 }
 
 void NetDeviceCanBase::handle_can_frame(CanFrame can_frame) {
+    counts.bytes_in += can_frame.len;
     Frame frame;
     if (can_id_is_multi_frame(can_frame.id)) {
         CanDeviceReceiver* receiver = get_receiver(can_id_src(can_frame.id), can_id_transfer_counter(can_frame.id));
@@ -90,7 +99,7 @@ CanDeviceReceiver* NetDeviceCanBase::get_receiver(uint8_t src, uint8_t counter) 
                          "WARNING: stall receiver for addr=0x%02X, resetting decoder, last_seq=%u, seq=%u",
                          static_cast<unsigned>(src), static_cast<unsigned>(receiver.transfer_counter),
                          static_cast<unsigned>(counter));
-            stats.receivers_stalled++;
+            counts.can.receivers_stalled++;
             receiver.transfer_counter = counter;
             receiver.decoder.reset();
             return &receiver;
@@ -110,7 +119,7 @@ CanDeviceReceiver* NetDeviceCanBase::get_receiver(uint8_t src, uint8_t counter) 
     }
     if (oldest == nullptr) return nullptr;
     debug_tagged("NetDeviceCan", "WARNING: overwriting receiver for addr=0x%02X", static_cast<unsigned>(src));
-    stats.receivers_overwritten++;
+    counts.can.receivers_overwritten++;
     oldest->src = src;
     oldest->transfer_counter = counter;
     oldest->decoder.reset();
@@ -120,13 +129,13 @@ CanDeviceReceiver* NetDeviceCanBase::get_receiver(uint8_t src, uint8_t counter) 
 void NetDeviceCanBase::count_decoder_errors(CANDecoderStatus status) {
     switch (status) {
         case CANDecoderStatus::CRC_ERROR:
-            stats.crc_errors++;
+            counts.can.crc_errors++;
             break;
         case CANDecoderStatus::DUPLICATE_SEQ:
-            stats.duplicate_seq++;
+            counts.can.duplicate_seq++;
             break;
         case CANDecoderStatus::OVERFLOW:
-            stats.rx_overflows++;
+            counts.can.rx_overflows++;
             break;
         default:
             break;

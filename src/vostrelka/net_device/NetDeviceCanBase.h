@@ -23,15 +23,6 @@ struct CanDeviceReceiver {
     uint8_t transfer_counter = 0;
 };
 
-struct CanDeviceStats {
-    uint32_t tx_queue_full = 0;  // frames refused whole: the queue had no room
-    uint32_t duplicate_seq = 0;
-    uint32_t crc_errors = 0;
-    uint32_t rx_overflows = 0;  // a data frame ended past the reassembly buffer
-    uint32_t receivers_overwritten = 0;
-    uint32_t receivers_stalled = 0;
-};
-
 class NetDeviceCanBase : public NetDevice {
 public:
     NetDeviceCanBase(uint8_t address, ArrayList<CanDeviceReceiver>& receivers, RingBuffer<CanFrame>& tx_queue,
@@ -56,14 +47,12 @@ public:
     void handle_can_frame(CanFrame can_frame);
     CanDeviceReceiver* get_receiver(uint8_t src, uint8_t transfer_counter);
     void count_decoder_errors(CANDecoderStatus status);
-    CanDeviceStats get_stats() const { return stats; }
 
 protected:
     bool has_queued_frames() const;
 
     RingBuffer<CanFrame>& tx_queue;
     RingBuffer<CanFrame>* tx_queue_highprio;
-    CanDeviceStats stats;
     ArrayList<CanDeviceReceiver>& receivers;
     uint32_t activity_tick = 0;  // grows with every frame stored for a message in progress
     uint8_t transfer_counter = 0;

@@ -8,7 +8,7 @@ namespace net_device {
 NetDeviceSerialBase::NetDeviceSerialBase(drivers::DataPort& port_, Slice<unsigned char>& read_buffer_,
                                          Slice<unsigned char>& tx_buffer_, Slice<unsigned char>& rx_buffer_,
                                          unsigned char address_)
-    : NetDevice(address_),
+    : NetDevice(address_, DecodeErrorKind::SERIAL),
       port(port_),
       read_buffer(read_buffer_),
       tx_buffer(tx_buffer_),
@@ -16,7 +16,12 @@ NetDeviceSerialBase::NetDeviceSerialBase(drivers::DataPort& port_, Slice<unsigne
       codec(tx_buffer_, rx_buffer_, *this) {}
 
 int NetDeviceSerialBase::send_raw(const Frame& frame) {
-    const bool queued = codec.encode(frame, stats) > 0;
+    const bool queued = codec.encode(frame, counts.serial) > 0;
+    if (queued) {
+        count_sent(frame);
+    } else {
+        counts.drops.queue_full++;
+    }
     write_queue();
     return queued ? 0 : -1;
 }
@@ -30,7 +35,8 @@ void NetDeviceSerialBase::do_read() {
         const int64_t n = port.read(read_buffer.data, read_buffer.capacity);
         if (n <= 0) return;
         read_buffer.size = static_cast<uint64_t>(n);
-        codec.decode(ConstSlice<unsigned char>(read_buffer), stats);
+        counts.bytes_in += read_buffer.size;
+        codec.decode(ConstSlice<unsigned char>(read_buffer), counts.serial);
     }
 }
 
@@ -45,6 +51,7 @@ void NetDeviceSerialBase::write_queue() {
     const int64_t n = port.write(tx_buffer.data, tx_buffer.size);
     if (n <= 0) return;
     const uint64_t taken = static_cast<uint64_t>(n);
+    counts.bytes_out += taken;
     if (taken >= tx_buffer.size) {
         tx_buffer.clear();
         return;

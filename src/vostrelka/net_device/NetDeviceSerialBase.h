@@ -23,7 +23,8 @@ public:
 
     // Queues the encoded frame behind what is still waiting, then writes
     // the queue once. -1 when the frame does not fit the queue (counted in
-    // encode_errors); earlier queued bytes still move either way.
+    // encode_errors and as a queue-full drop); earlier queued bytes still
+    // move either way.
     int send_raw(const Frame& frame) override;
     // Called by the codec for every good frame.
     void on_frame(const Frame& frame) override;
@@ -33,7 +34,6 @@ public:
     // Writes as much of the queue as the port takes.
     void do_write();
 
-    const SerialEncoderErrorStats& get_stats() const { return stats; }
     drivers::DataPort& get_port() { return port; }
     // Encoded bytes still waiting for the port.
     uint64_t queued_bytes() const { return tx_buffer.size; }
@@ -44,7 +44,6 @@ protected:
     Slice<unsigned char>& tx_buffer;
     Slice<unsigned char>& rx_buffer;
     SerialEncoder codec;
-    SerialEncoderErrorStats stats;
 
 private:
     void write_queue();

@@ -10,21 +10,14 @@
 #include <cstdint>
 
 #include "vostrelka/Slice.h"
+#include "vostrelka/net_device/DeviceCounters.h"
 #include "vostrelka/net_device/Frame.h"
 #include "vostrelka/net_device/SerialEncoderHandlerI.h"
 
 namespace vostrelka {
 namespace net_device {
 
-// Owned by the caller; the codec only increments.
-struct SerialEncoderErrorStats {
-    uint32_t encode_errors = 0;   // transmit buffer too small for a frame
-    uint32_t rx_overflows = 0;    // a byte arrived with the receive buffer full
-    uint32_t crc_errors = 0;      // complete message, wrong CRC
-    uint32_t short_messages = 0;  // complete message under 7 bytes
-    uint32_t escape_errors = 0;   // 0x55 followed by neither 0xBD nor 0xAA
-};
-
+// The error counters are owned by the caller; the codec only increments.
 class SerialEncoder {
 public:
     static constexpr uint8_t DELIMITER = 0x42;

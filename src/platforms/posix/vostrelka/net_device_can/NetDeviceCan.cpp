@@ -119,6 +119,7 @@ bool NetDeviceCan::do_write_from_buffer(RingBuffer<CanFrame>& queue) {
         const can_frame frame = to_socketcan_frame(queue.front());
         const ssize_t written = write(fd, &frame, sizeof(frame));
         if (written == static_cast<ssize_t>(sizeof(frame))) {
+            counts.bytes_out += frame.can_dlc;
             queue.pop();
             continue;
         }

@@ -89,9 +89,11 @@ void NetDeviceUDP::on_event(uint8_t events) {
 }
 
 int NetDeviceUDP::send_raw(const Frame& frame) {
-    if (socket_fd < 0) return -1;
     tx_buffer.clear();
-    if (frame.payload.size + HEADER_SIZE > tx_buffer.capacity) return -1;
+    if (socket_fd < 0 || frame.payload.size + HEADER_SIZE > tx_buffer.capacity) {
+        counts.drops.send_error++;
+        return -1;
+    }
 
     // The size was checked above: no check per byte.
     tx_buffer.data[0] = frame.proto_id;
@@ -102,7 +104,17 @@ int NetDeviceUDP::send_raw(const Frame& frame) {
 
     const ssize_t sent =
         ::sendto(socket_fd, tx_buffer.data, tx_buffer.size, 0, destination_address.sockaddr(), sizeof(sockaddr_in));
-    return sent >= 1 ? 0 : -1;
+    return count_datagram_sent(frame, sent) ? 0 : -1;
+}
+
+bool NetDeviceUDP::count_datagram_sent(const Frame& frame, ssize_t sent) {
+    if (sent < 0 || static_cast<uint64_t>(sent) != tx_buffer.size) {
+        counts.drops.send_error++;
+        return false;
+    }
+    count_sent(frame);
+    counts.bytes_out += tx_buffer.size;
+    return true;
 }
 
 void NetDeviceUDP::do_read() {
@@ -111,6 +123,7 @@ void NetDeviceUDP::do_read() {
     const ssize_t received = ::recvfrom(socket_fd, rx_buffer.data, rx_buffer.capacity, 0,
                                         reinterpret_cast<::sockaddr*>(&sender), &sender_size);
     const int error = received < 0 ? errno : 0;
+    if (received > 0) counts.bytes_in += static_cast<uint64_t>(received);
 
     // Taken even from a failed read, whose sender is all zero and so gets
     // logged. The text depends on nothing but the 16 address bytes, so the

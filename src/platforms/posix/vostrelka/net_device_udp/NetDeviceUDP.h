@@ -11,6 +11,7 @@
 // Every frame goes to one fixed destination; the sender of the last datagram
 // is remembered so that the gateway can learn where its peers are.
 #include <sys/select.h>
+#include <sys/types.h>
 
 #include <cstdint>
 #include <memory>
@@ -55,6 +56,10 @@ public:
     virtual void do_read();
 
 protected:
+    // Counts the datagram of `frame` just given to sendto(), which returned
+    // `sent`: true when all of tx_buffer went.
+    bool count_datagram_sent(const Frame& frame, ssize_t sent);
+
     int socket_fd = -1;
     std::unique_ptr<uint8_t[]> tx_storage;
     std::unique_ptr<uint8_t[]> rx_storage;

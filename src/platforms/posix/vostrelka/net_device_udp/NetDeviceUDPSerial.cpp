@@ -18,20 +18,26 @@ NetDeviceUDPSerial::NetDeviceUDPSerial(unsigned long buffer_size, unsigned char 
     : NetDeviceUDP(2 * buffer_size, address_),
       decode_storage(std::make_unique<uint8_t[]>(buffer_size)),
       decode_buffer(decode_storage.get(), 0, buffer_size),
-      encoder(tx_buffer, decode_buffer, *this) {}
+      encoder(tx_buffer, decode_buffer, *this) {
+    counts.decode_kind = DecodeErrorKind::SERIAL;
+}
 
 int NetDeviceUDPSerial::send_raw(const Frame& frame) {
-    if (socket_fd < 0) return -1;
     tx_buffer.clear();
-    const uint64_t encoded = encoder.encode(frame, error_stats);
+    if (socket_fd < 0) {
+        counts.drops.send_error++;
+        return -1;
+    }
+    const uint64_t encoded = encoder.encode(frame, counts.serial);
     if (encoded == 0) {
+        counts.drops.send_error++;
         debug_tagged(LOG_TAG, "ERROR: encoding frame, payload_size=%u, buffer+size=%u",
                      static_cast<unsigned>(frame.payload.size), static_cast<unsigned>(tx_buffer.capacity));
         return -1;
     }
     const ssize_t sent =
         ::sendto(socket_fd, tx_buffer.data, tx_buffer.size, 0, destination_address.sockaddr(), sizeof(sockaddr_in));
-    if (sent >= 0 && static_cast<uint64_t>(sent) == encoded) return 0;
+    if (count_datagram_sent(frame, sent)) return 0;
     // Both figures are the encoded size; what sendto returned is not shown.
     debug_tagged(LOG_TAG, "ERROR: sendto, size=%u, sent=%u", static_cast<unsigned>(tx_buffer.size),
                  static_cast<unsigned>(encoded));
@@ -45,8 +51,9 @@ void NetDeviceUDPSerial::do_read() {
     const ssize_t received =
         ::recvfrom(socket_fd, rx_buffer.data, rx_buffer.capacity, 0, sender_address->sockaddr(), &sender_size);
     if (received >= 1) {
+        counts.bytes_in += static_cast<uint64_t>(received);
         if (static_cast<uint64_t>(received) <= rx_buffer.capacity) rx_buffer.size = static_cast<uint64_t>(received);
-        encoder.decode(ConstSlice<unsigned char>(rx_buffer), error_stats);
+        encoder.decode(ConstSlice<unsigned char>(rx_buffer), counts.serial);
     } else if (received < 0 && errno != EAGAIN) {
         debug_tagged(LOG_TAG, "ERROR: read failed with error %d", errno);
     }

@@ -26,13 +26,10 @@ public:
     // From the decoder: destination filter, then the handler.
     void on_frame(const Frame& frame) override;
 
-    const SerialEncoderErrorStats& get_error_stats() const { return error_stats; }
-
 private:
     std::unique_ptr<uint8_t[]> decode_storage;
     Slice<unsigned char> decode_buffer;
     SerialEncoder encoder;
-    SerialEncoderErrorStats error_stats;
 };
 
 }  // namespace net_device
