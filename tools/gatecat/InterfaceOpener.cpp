@@ -2,7 +2,6 @@
 
 #include <sys/stat.h>
 
-
 namespace vostrelka {
 namespace gatecat {
 
@@ -36,12 +35,11 @@ bool InterfaceOpener::check(const std::string& iface, bool for_sending, std::str
                 "'; expected TYPE://PARAMETERS as in the configuration file, e.g. udp://127.0.0.1:5000";
         return false;
     }
+    if (!net_device::NetDeviceFactory::check_params(parsed, &error)) return false;
+    // The factory reads the numbers when it opens the device; a tool says
+    // what is wrong with them before opening anything.
     const auto& params = parsed.params;
     if (parsed.type == "serial") {
-        if (params.size() != 2 && params.size() != 3) {
-            error = "serial takes PATH:BAUD or PATH:BAUD:STOPBITS, e.g. serial:///dev/ttyUSB0:115200";
-            return false;
-        }
         if (!starts_with_digit(params[1])) {
             error = "serial baud rate '" + params[1] + "' is not a number";
             return false;
@@ -50,21 +48,7 @@ bool InterfaceOpener::check(const std::string& iface, bool for_sending, std::str
             error = "serial stop bits '" + params[2] + "' is not a number";
             return false;
         }
-        return true;
-    }
-    if (parsed.type == "can") {
-        if (params.size() != 1 || params[0].empty()) {
-            error = "can takes one interface name, e.g. can://can0";
-            return false;
-        }
-        return true;
-    }
-    if (parsed.type == "udp" || parsed.type == "udpserial") {
-        if (params.size() != 2 && params.size() != 4) {
-            error = parsed.type + " takes HOST:PORT or HOST:PORT:DEST_HOST:DEST_PORT, e.g. " + parsed.type +
-                    "://127.0.0.1:5000:127.0.0.1:5001";
-            return false;
-        }
+    } else if (parsed.type == "udp" || parsed.type == "udpserial") {
         for (size_t i = 1; i < params.size(); i += 2) {
             if (!starts_with_digit(params[i])) {
                 error = parsed.type + " port '" + params[i] + "' is not a number";
@@ -76,10 +60,8 @@ bool InterfaceOpener::check(const std::string& iface, bool for_sending, std::str
                     "://HOST:PORT:DEST_HOST:DEST_PORT";
             return false;
         }
-        return true;
     }
-    error = "unsupported interface type '" + parsed.type + "'; supported types: serial, can, udp, udpserial";
-    return false;
+    return true;
 }
 
 std::unique_ptr<net_device::NetDevice> InterfaceOpener::open(const std::string& iface) {

@@ -24,6 +24,22 @@ std::vector<std::string> split_params(const std::string& text) {
     return params;
 }
 
+// The parameters each type takes: `min_params` or `max_params` of them.
+struct ParamsForm {
+    const char* type;
+    size_t min_params;
+    size_t max_params;
+    const char* form;
+    const char* example;
+};
+
+constexpr ParamsForm PARAMS_FORMS[] = {
+    {"serial", 2, 3, "PATH:BAUD or PATH:BAUD:STOPBITS", "serial:///dev/ttyUSB0:115200"},
+    {"can", 1, 1, "one interface name", "can://can0"},
+    {"udp", 2, 4, "HOST:PORT or HOST:PORT:DEST_HOST:DEST_PORT", "udp://127.0.0.1:5000:127.0.0.1:5001"},
+    {"udpserial", 2, 4, "HOST:PORT or HOST:PORT:DEST_HOST:DEST_PORT", "udpserial://127.0.0.1:5000:127.0.0.1:5001"},
+};
+
 }  // namespace
 
 NetDeviceFactory::NetDeviceFactory() {
@@ -54,6 +70,18 @@ int NetDeviceFactory::parse_interface_desc(const std::string& desc, InterfaceDes
     out.params = split_params(desc.substr(type_end + TYPE_SEPARATOR_LEN, desc.size() - overhead));
     out.address = address;
     return 0;
+}
+
+bool NetDeviceFactory::check_params(const InterfaceDescription& desc, std::string* error) {
+    for (const ParamsForm& form : PARAMS_FORMS) {
+        if (desc.type != form.type) continue;
+        const size_t count = desc.params.size();
+        if (count == form.min_params || count == form.max_params) return true;
+        if (error) *error = desc.type + " takes " + form.form + ", e.g. " + form.example;
+        return false;
+    }
+    if (error) *error = "unsupported interface type '" + desc.type + "'; supported types: " + SUPPORTED_TYPES;
+    return false;
 }
 
 }  // namespace net_device

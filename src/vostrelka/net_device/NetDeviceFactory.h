@@ -33,8 +33,15 @@ public:
 
     NetDeviceFactory();
 
+    // The types the builders below make, for the texts that list them.
+    static constexpr const char* SUPPORTED_TYPES = "serial, can, udp, udpserial";
+
     // 0, or -1 when the text is not a description.
     int parse_interface_desc(const std::string& desc, InterfaceDescription& out);
+    // Whether `desc` has a supported type and one of that type's parameter
+    // counts. When not, and `error` is given, one line for a user:
+    // "unsupported interface type ..." or the form the type takes.
+    static bool check_params(const InterfaceDescription& desc, std::string* error = nullptr);
 
     // The rest is defined by the platform, which knows the devices: this
     // portable half includes none of their headers.

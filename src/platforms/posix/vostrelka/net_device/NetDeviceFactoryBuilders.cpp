@@ -29,7 +29,7 @@ uint16_t parse_port(const std::string& text) {
 // a destination the owner sets one before each send.
 template <typename T>
 std::unique_ptr<NetDevice> make_udp_device(const NetDeviceFactory::InterfaceDescription& desc) {
-    if (desc.params.size() != 2 && desc.params.size() != 4) return nullptr;
+    if (!NetDeviceFactory::check_params(desc)) return nullptr;
     auto device = std::make_unique<T>(UDP_BUFFER_SIZE, static_cast<uint8_t>(desc.address));
 
     const std::string& host = desc.params[0];
@@ -83,8 +83,7 @@ std::unique_ptr<NetDevice> NetDeviceFactory::make_net_device(const std::string& 
     if (parsed.type == "serial") return make_net_device_serial(parsed);
     if (parsed.type == "udp") return make_net_device_udp(parsed);
     if (parsed.type == "udpserial") return make_net_device_udpserial(parsed);
-    debug("ERROR: unsupported interface type \"%s\", supported types: serial, can, udp, udpserial",
-          parsed.type.c_str());
+    debug("ERROR: unsupported interface type \"%s\", supported types: %s", parsed.type.c_str(), SUPPORTED_TYPES);
     return nullptr;
 }
 
@@ -95,7 +94,7 @@ std::unique_ptr<NetDevice> NetDeviceFactory::make_net_device(const std::string& 
 // A port that fails to open still gets its device and its record: the main
 // loop reopens it when the path appears.
 std::unique_ptr<NetDevice> NetDeviceFactory::make_net_device_serial(InterfaceDescription& desc) {
-    if (desc.params.size() != 2 && desc.params.size() != 3) return nullptr;
+    if (!check_params(desc)) return nullptr;
     const std::string& path = desc.params[0];
 
     int stop_bits = 1;
@@ -130,7 +129,7 @@ std::unique_ptr<NetDevice> NetDeviceFactory::make_net_device_serial(InterfaceDes
 }
 
 std::unique_ptr<NetDevice> NetDeviceFactory::make_net_device_can(InterfaceDescription& desc) {
-    if (desc.params.size() != 1) return nullptr;
+    if (!check_params(desc)) return nullptr;
     const std::string& ifname = desc.params[0];
     auto device = std::make_unique<NetDeviceCanAlloc<16, 2048, 512>>(ifname, static_cast<uint8_t>(desc.address));
     if (device->open() != 0) {
