@@ -5,10 +5,13 @@
 // uncaught exception.
 #include "Gate.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdlib>
-#include <fstream>
 #include <nlohmann/json.hpp>
-#include <sstream>
 
 #include "RFModemHandler.h"
 #include "vostrelka/HostPort.h"
@@ -21,6 +24,39 @@ namespace vostrelka {
 namespace {
 
 constexpr uint8_t ANY_DEVICE_ADDRESS = 0xFF;
+// Far above any real configuration (32 interfaces and their peers take a
+// few kilobytes), far below what a small board misses.
+constexpr size_t MAX_CONFIG_FILE_BYTES = 1024 * 1024;
+
+// The whole text of a regular file of at most MAX_CONFIG_FILE_BYTES, or
+// nothing. A device, a FIFO or a directory given by mistake is refused
+// before it is opened (opening a serial line can reset the board behind it),
+// and again after, in case the path changed in between; the size is checked
+// while reading, in case the file grows.
+std::optional<std::string> read_config_file(const std::string& path) {
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return std::nullopt;
+    // Non-blocking: a FIFO put there in the meantime must not hold the start.
+    const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (fd < 0) return std::nullopt;
+    std::optional<std::string> text;
+    if (fstat(fd, &status) == 0 && S_ISREG(status.st_mode)) {
+        text.emplace();
+        char chunk[64 * 1024];
+        for (;;) {
+            const ssize_t got = read(fd, chunk, sizeof(chunk));
+            if (got < 0 && errno == EINTR) continue;
+            if (got < 0 || text->size() + static_cast<size_t>(got) > MAX_CONFIG_FILE_BYTES) {
+                text.reset();
+                break;
+            }
+            if (got == 0) break;
+            text->append(chunk, static_cast<size_t>(got));
+        }
+    }
+    close(fd);
+    return text;
+}
 
 // `object[key]` as T; a missing key is a configuration error that ends the
 // program. Conversion errors are the JSON library's and are not caught.
@@ -97,14 +133,12 @@ void Gate::start(const cxxopts::ParseResult& result) {
     }
 
     const std::string path = result["config"].as<std::string>();
-    std::ifstream file(path);
-    if (!file.is_open()) {
+    std::optional<std::string> text = read_config_file(path);
+    if (!text) {
         debug("ERROR: open config file: %s", path.c_str());
         exit(1);
     }
-    std::stringstream text;
-    text << file.rdbuf();
-    if (!parse_config(text.str())) {
+    if (!parse_config(std::move(*text))) {
         debug("ERROR: parse config file");
         exit(1);
     }

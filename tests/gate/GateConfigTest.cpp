@@ -1,6 +1,7 @@
 // The gate binary's start: what its command line and its configuration file
 // make it print, and how it ends.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include "support/GateProcess.h"
 #include "support/PtyPair.h"
@@ -16,9 +17,18 @@ using namespace std::chrono_literals;
 
 constexpr int EXIT_ABORTED = 128 + 6;  // SIGABRT of an uncaught exception
 constexpr int RUNNING = -1;
+constexpr size_t MAX_CONFIG_FILE_BYTES = 1024 * 1024;
+const std::string EMPTY_CONFIG = R"({"ifaces": []})";
 
 TEST(GateCommandLine, EachCommandLinePrintsItsLinesAndEndsWithItsStatus) {
     const std::string absent = "/nonexistent/gate.json";
+    // Only a regular file up to the size cap is read: nothing that never ends
+    // or never starts (a FIFO without a writer).
+    test_support::TempDir dir;
+    const std::string fifo = dir.path() + "/fifo.json";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    const std::string too_big =
+        dir.write_file("big.json", EMPTY_CONFIG + std::string(MAX_CONFIG_FILE_BYTES + 1 - EMPTY_CONFIG.size(), ' '));
     // Arguments, exit status, the log (only its first lines for the help).
     const std::tuple<Lines, int, Lines> cases[] = {
         {{"--help"}, 0, {"Net device gateway", "Usage:", "  gate [OPTION...]", ""}},
@@ -26,6 +36,10 @@ TEST(GateCommandLine, EachCommandLinePrintsItsLinesAndEndsWithItsStatus) {
         {{"--version"}, 0, {vostrelka::version::SOFTWARE}},
         {{"--debug", "2"}, 1, {"ERROR: mission --config argument"}},
         {{"-c", absent}, 1, {"ERROR: open config file: " + absent}},
+        {{"-c", dir.path()}, 1, {"ERROR: open config file: " + dir.path()}},
+        {{"-c", "/dev/zero"}, 1, {"ERROR: open config file: /dev/zero"}},
+        {{"-c", fifo}, 1, {"ERROR: open config file: " + fifo}},
+        {{"-c", too_big}, 1, {"ERROR: open config file: " + too_big}},
         {{"--no-such-option"}, EXIT_ABORTED, {}},
         {{"-d"}, EXIT_ABORTED, {}},
         {{"-d", "high"}, EXIT_ABORTED, {}},
@@ -110,6 +124,8 @@ TEST(GateConfig, EveryFileEndsWithItsStatusAndLines) {
     const std::string modem = SERIAL + R"(1, "rfmodem_config": {"channel": 300, "power": 20}})";
     const Cases running = {
         {R"({"ifaces": [], "unknown": {"ignored": true}})", {}},
+        // Exactly at the size cap.
+        {EMPTY_CONFIG + std::string(MAX_CONFIG_FILE_BYTES - EMPTY_CONFIG.size(), ' '), {}},
         {config(thirty_two), {}},
         // Only "manet" itself makes a MANet interface.
         {config(manet_udp + ", " + UDP + R"(2, "type": "MANet"})"), {}},
