@@ -3,6 +3,6 @@
 .PHONY: deb
 
 deb: deps
-	$(call configure_and_build,build-deb,-DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF -DGATE_BENCH=OFF)
+	$(call configure_and_build,build-deb,-DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr -DBUILD_TESTING=OFF -DGATE_BENCH=OFF)
 	@cd build-deb && cpack -G DEB >/dev/null
 	@ls build-deb/packages/*.deb

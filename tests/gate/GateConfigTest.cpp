@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <fstream>
+#include <iterator>
+
 #include "support/GateProcess.h"
 #include "support/PtyPair.h"
 #include "support/TempDir.h"
@@ -69,6 +72,18 @@ std::string manet_peer(const char* manet_addr, const char* netdev_addr) {
            R"("})";
 }
 
+// The example the package installs in /etc/gate, on ports of the system's
+// choosing so that it runs beside anything else.
+std::string shipped_example() {
+    std::ifstream file(TEST_SOURCE_DIR "/../packaging/etc/example.json");
+    std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    for (const std::string port : {"127.0.0.1:7001\"", "127.0.0.1:7002\""}) {
+        const size_t at = text.find(port);
+        if (at != std::string::npos) text.replace(at, port.size(), "127.0.0.1:0\"");
+    }
+    return text;
+}
+
 // A configuration file and what the gate prints reading it.
 using Cases = std::vector<std::pair<std::string, Lines>>;
 
@@ -124,6 +139,8 @@ TEST(GateConfig, EveryFileEndsWithItsStatusAndLines) {
     const std::string modem = SERIAL + R"(1, "rfmodem_config": {"channel": 300, "power": 20}})";
     const Cases running = {
         {R"({"ifaces": [], "unknown": {"ignored": true}})", {}},
+        {shipped_example(),
+         {"add local peer on iface 1: 0x10 / 127.0.0.1:7101", "add local peer on iface 2: 0x20 / 127.0.0.1:7102"}},
         // Exactly at the size cap.
         {EMPTY_CONFIG + std::string(MAX_CONFIG_FILE_BYTES - EMPTY_CONFIG.size(), ' '), {}},
         {config(thirty_two), {}},
