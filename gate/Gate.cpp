@@ -12,7 +12,9 @@
 #include <cerrno>
 #include <cstdlib>
 #include <nlohmann/json.hpp>
+#include <type_traits>
 
+#include "JsonNumber.h"
 #include "RFModemHandler.h"
 #include "vostrelka/HostPort.h"
 #include "vostrelka/debug.h"
@@ -59,14 +61,19 @@ std::optional<std::string> read_config_file(const std::string& path) {
 }
 
 // `object[key]` as T; a missing key is a configuration error that ends the
-// program. Conversion errors are the JSON library's and are not caught.
+// program. Conversion errors are the JSON library's and are not caught; a
+// number field takes only a number that T can hold.
 template <typename T>
 T parse_json_value(const json& object, const std::string& key) {
     if (!object.contains(key)) {
         debug("ERROR: missing \"%s\" field", key.c_str());
         exit(1);
     }
-    return object[key].template get<T>();
+    if constexpr (std::is_arithmetic_v<T>) {
+        return json_number<T>(object[key]);
+    } else {
+        return object[key].template get<T>();
+    }
 }
 
 // "0x..." in base 16 (the conversion consumes the prefix), anything else in

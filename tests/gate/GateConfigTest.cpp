@@ -133,6 +133,15 @@ TEST(GateConfig, EveryFileEndsWithItsStatusAndLines) {
         {config(UDP + "1}", manet_peers(manet_peer("zz", "5"))), {}},
         {config(UDP + "1}", manet_peers(manet_peer("0x1FFFFFFFFFFFFFFFF", "5"))), {}},
         {config(UDP + "1}", R"(, "local_peers": [{"netdev_addr": "n", "iface_id": 1}])"), {}},
+        // A boolean, or a fraction whose conversion would be undefined, where a number belongs.
+        {config(UDP + "true}"), {}},
+        {config(SERIAL + "1}", R"(, "local_peers": [{"netdev_addr": "5", "iface_id": false}])"), {}},
+        {config(UDP + "-1.5}"), {}},
+        {config(UDP + "4294967296.0}"), {}},
+        {config(SERIAL + R"(1, "rfmodem_config": {"channel": 1e300, "power": 1}})", manet_peers(manet_link + "}")),
+         {"add MANet peer on iface 1: 0x00000007 / 0x05"}},
+        {config(SERIAL + R"(1, "rfmodem_config": {"channel": 1, "power": -1e300}})", manet_peers(manet_link + "}")),
+         {"add MANet peer on iface 1: 0x00000007 / 0x05"}},
     };
     std::string thirty_two = UDP + "1}";
     for (unsigned id = 2; id <= 32; id++) thirty_two += ", " + UDP + std::to_string(id) + "}";
@@ -144,6 +153,10 @@ TEST(GateConfig, EveryFileEndsWithItsStatusAndLines) {
         // Exactly at the size cap.
         {EMPTY_CONFIG + std::string(MAX_CONFIG_FILE_BYTES - EMPTY_CONFIG.size(), ' '), {}},
         {config(thirty_two), {}},
+        // Fractions are truncated toward zero: -0.9 is 0; the largest id fits.
+        {config(SERIAL + "-0.9}, " + UDP + "4294967295.9}",
+                R"(, "local_peers": [{"netdev_addr": "5", "iface_id": 0}])"),
+         {"add local peer on iface 0: 0x05"}},
         // Only "manet" itself makes a MANet interface.
         {config(manet_udp + ", " + UDP + R"(2, "type": "MANet"})"), {}},
         // On a serial interface "inet_addr" is not read; the address wraps to 8 bits.
