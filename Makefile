@@ -45,8 +45,9 @@ sanitize: deps
 	ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
 	  ctest --test-dir build-asan --output-on-failure -j $(JOBS)
 
-# Only the code that runs on more than one thread: the resolver. Only its
-# test binary is built, which keeps this target quick.
+# Only the code that runs on more than one thread: the resolver's worker
+# pool, with its real threads and lookups. Only its test binary is built,
+# which keeps this target quick.
 TSAN_TESTS ?= ResolverTest
 tsan: deps
 	@cmake -S . -B build-tsan -DGATE_WERROR=$(WERROR) $(CMAKE_FLAGS) -DGATE_SANITIZE=thread -DGATE_BENCH=OFF \

@@ -104,12 +104,14 @@ Gate::Gate() : Application("gate", "Net device gateway", true) {
     options.add_options()("c,config", "Configuration file for gate", cxxopts::value<std::string>())(
         "d,debug", "Debug level: 0 = none, 1 = warnings, 2 = forw, 3 = recv",
         cxxopts::value<int>()->default_value("0"));
+    event_loop_entries.push_back(&resolver_wake_up);
 }
 
 Gate::~Gate() = default;
 
 Gate::Interface* Gate::add_interface(uint32_t id, uint8_t type, std::shared_ptr<net_device::NetDevice> device) {
-    if (ifaces.count(id) != 0 || !event_loop_entries.push_back(device.get())) return nullptr;
+    if (ifaces.size() >= MAX_INTERFACES || ifaces.count(id) != 0 || !event_loop_entries.push_back(device.get()))
+        return nullptr;
     Interface& iface = ifaces[id];
     iface.id = id;
     iface.type = type;

@@ -22,6 +22,7 @@
 #include "vostrelka/EventLoopEntry.h"
 #include "vostrelka/InetAddress.h"
 #include "vostrelka/Resolver.h"
+#include "vostrelka/ResolverWakeUp.h"
 #include "vostrelka/debug.h"
 #include "vostrelka/net_device/NetDevice.h"
 #include "vostrelka/net_device/NetDeviceFactory.h"
@@ -48,7 +49,12 @@ public:
 
     static constexpr int64_t MAX_SELECT_WAIT_US = 5000000;
     static constexpr int64_t PEER_TIMEOUT_US = 10000000;
-    static constexpr size_t MAX_EVENT_LOOP_ENTRIES = 32;
+    static constexpr size_t MAX_INTERFACES = 32;
+    // Entries of the gateway's own (the resolver wake-up), beside the
+    // interfaces and never taking an interface's place. They have no timers,
+    // so they do not change which timer counts.
+    static constexpr size_t MAX_INTERNAL_ENTRIES = 4;
+    static constexpr size_t MAX_EVENT_LOOP_ENTRIES = MAX_INTERFACES + MAX_INTERNAL_ENTRIES;
 
     struct Interface {
         uint32_t id = 0;
@@ -86,7 +92,7 @@ public:
 
     // Interface `id` of `type` over `device`, with the gate as the device's
     // handler and the device in the main loop. Null when `id` is taken or
-    // the loop already holds MAX_EVENT_LOOP_ENTRIES entries.
+    // the gateway already has MAX_INTERFACES interfaces.
     Interface* add_interface(uint32_t id, uint8_t type, std::shared_ptr<net_device::NetDevice> device);
     Interface* find_interface(uint32_t id);
     // A further entry for the main loop (false when it is full), and a
@@ -146,6 +152,8 @@ private:
     int32_t debug_level = 0;
     net_device::NetDeviceFactory factory;
     ArrayListAlloc<event_system::EventLoopEntry*, MAX_EVENT_LOOP_ENTRIES> event_loop_entries;
+    // A finished lookup wakes the loop and its answer is taken at once.
+    ResolverWakeUp resolver_wake_up{[this] { collect_resolutions(); }};
     Interfaces ifaces;
     LocalPeers local_peers;
     MANetPeers manet_peers;

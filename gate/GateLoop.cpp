@@ -36,6 +36,8 @@ void Gate::run_once(int64_t max_wait_us) {
     for (auto& handler : handlers) handler->update(now);
 
     age_learned_links(now);
+    // The resolver wake-up calls this as soon as an answer comes; here it is
+    // the fallback, e.g. for a wake-up taken by another gate of the process.
     collect_resolutions();
 }
 

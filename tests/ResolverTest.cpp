@@ -1,11 +1,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netdb.h>
+#include <poll.h>
 
 #include <cstring>
+#include <fstream>
 
 #include "support/StdoutCapture.h"
 #include "vostrelka/Resolver.h"
+#include "vostrelka/ResolverPool.h"
 #include "vostrelka/Time.h"
 
 using namespace vostrelka;
@@ -82,6 +85,58 @@ TEST(ResolverTest, UnresolvableEndpointWarnsAboutOnceASecondAndNeverFinishes) {
             EXPECT_NEAR(gap_us, 1'700'000, 800'000);  // 0.9 to 2.5 s
         }
     }
+}
+
+// Threads of this process, from the kernel's own count.
+int threads_of_this_process() {
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);)
+        if (line.rfind("Threads:", 0) == 0) return std::stoi(line.substr(8));
+    return -1;
+}
+
+bool readable(int fd, int timeout_ms) {
+    pollfd entry{fd, POLLIN, 0};
+    return poll(&entry, 1, timeout_ms) == 1;
+}
+
+// However many names fail at once, the pool keeps to its few threads, every
+// name keeps being retried, and an answer wakes the main loop's descriptor,
+// which a drain empties again.
+TEST(ResolverTest, ManyFailingNamesShareThePoolAndAnAnswerWakesTheLoop) {
+    ResolverPool& pool = ResolverPool::instance();
+    ASSERT_GE(pool.wake_fd(), 0);
+    pool.drain_wake_fd();
+
+    test_support::StdoutCapture capture;
+    // The test's own threads (a sanitizer may add one) besides the pool's.
+    const int others = threads_of_this_process() - pool.thread_count();
+    std::vector<std::unique_ptr<AddressResolver>> failing;
+    for (int i = 0; i < 200; i++) {
+        failing.push_back(std::make_unique<AddressResolver>(HostPort{"127.0.0." + std::to_string(i), "xyz80"}, false));
+        failing.back()->start();
+    }
+    const HostPort first{"127.0.0.0", "xyz80"}, last{"127.0.0.199", "xyz80"};
+    ASSERT_TRUE(capture.wait_for(
+        [&](const Lines& l) { return warnings_about(l, first).size() >= 2 && warnings_about(l, last).size() >= 2; },
+        std::chrono::seconds(10)));
+    const int threads = pool.thread_count();
+    EXPECT_LE(threads, ResolverPool::POOL_SIZE);
+    EXPECT_EQ(threads_of_this_process(), others + threads);
+    EXPECT_FALSE(readable(pool.wake_fd(), 0)) << "failures wake nobody";
+
+    AddressResolver local({"localhost", "5000"}, false);
+    local.start();
+    ASSERT_TRUE(readable(pool.wake_fd(), 10000));
+    EXPECT_TRUE(local.finished());
+    EXPECT_EQ(local.get_resolved_address()->to_s(), "127.0.0.1:5000");
+    pool.drain_wake_fd();
+    EXPECT_FALSE(readable(pool.wake_fd(), 0));
+
+    const int64_t begin = time_us();
+    failing.clear();
+    EXPECT_LT(time_us() - begin, 100'000) << "destruction never waits for a lookup";
+    EXPECT_EQ(pool.thread_count(), threads);
 }
 
 }  // namespace

@@ -1,10 +1,9 @@
 #pragma once
-// Resolves a HostPort on a background thread, retrying once a second until
-// it gets an answer or is destroyed. Polled without blocking.
+// Resolves a HostPort in the background, retrying once a second until it
+// gets an answer or is destroyed. Polled without blocking; the lookups run
+// on the process's ResolverPool.
 #include <netdb.h>
 
-#include <atomic>
-#include <future>
 #include <memory>
 #include <optional>
 #include <string>
@@ -14,10 +13,14 @@
 
 namespace vostrelka {
 
+struct ResolverJob;
+
 class AddressResolver {
 public:
     AddressResolver(HostPort host_port, bool blocking);
-    ~AddressResolver();  // stops and joins the lookup, about a second at most
+    // Returns at once, even in the middle of a lookup: that lookup's answer
+    // is thrown away when it comes.
+    ~AddressResolver();
     AddressResolver(const AddressResolver&) = delete;
     AddressResolver& operator=(const AddressResolver&) = delete;
 
@@ -27,17 +30,14 @@ public:
     std::string to_s() const;  // host + ":" + port_str
 
     static addrinfo get_hints(const HostPort& host_port);
-    std::future<std::optional<InetAddress>> start_resolve();
 
 private:
     std::string host;
     std::string port_str;
     uint16_t port;
     bool blocking;
-    std::shared_ptr<std::atomic<bool>> finished_flag;
     std::optional<InetAddress> resolved_address;
-    std::future<std::optional<InetAddress>> pending;
-    std::shared_ptr<std::atomic<bool>> stop_flag;
+    std::shared_ptr<ResolverJob> job;  // shared with the pool while it works on it
 };
 
 }  // namespace vostrelka

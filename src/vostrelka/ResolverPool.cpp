@@ -1,0 +1,141 @@
+#include "vostrelka/ResolverPool.h"
+
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <system_error>
+#include <thread>
+
+#include "vostrelka/Time.h"
+#include "vostrelka/debug.h"
+
+namespace vostrelka {
+
+namespace {
+constexpr const char* TAG = "Resolver";
+}
+
+ResolverPool& ResolverPool::instance() {
+    // Deliberately leaked: a static object would be destroyed at exit under
+    // workers that may still be running.
+    static ResolverPool* pool = new ResolverPool();
+    return *pool;
+}
+
+ResolverPool::ResolverPool() : wake_fd_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
+
+void ResolverPool::submit(const std::shared_ptr<ResolverJob>& job) {
+    std::lock_guard<std::mutex> lock(mutex);
+    enqueue(job, time_us());
+    start_worker_if_needed();
+    work_ready.notify_one();
+}
+
+void ResolverPool::withdraw(const std::shared_ptr<ResolverJob>& job) {
+    job->stop.store(true);
+    std::lock_guard<std::mutex> lock(mutex);
+    if (job->queued) dequeue(*job);
+}
+
+void ResolverPool::drain_wake_fd() const {
+    uint64_t count = 0;
+    if (wake_fd_ >= 0) (void)!read(wake_fd_, &count, sizeof(count));
+}
+
+int ResolverPool::thread_count() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return threads;
+}
+
+void ResolverPool::enqueue(const std::shared_ptr<ResolverJob>& job, int64_t due_us) {
+    job->due_us = due_us;
+    job->queued = true;
+    queue.emplace(due_us, job);
+}
+
+void ResolverPool::dequeue(ResolverJob& job) {
+    auto [first, last] = queue.equal_range(job.due_us);
+    for (auto it = first; it != last; ++it) {
+        if (it->second.get() == &job) {
+            queue.erase(it);
+            break;
+        }
+    }
+    job.queued = false;
+}
+
+// Called with the lock held. One more worker while jobs outnumber the idle
+// ones; a worker that cannot be started is tried again with the next job,
+// and the ones already running carry the queue meanwhile.
+void ResolverPool::start_worker_if_needed() {
+    if (threads >= POOL_SIZE || queue.size() <= static_cast<size_t>(idle)) return;
+    try {
+        std::thread worker([this] { work(); });
+        pthread_setname_np(worker.native_handle(), "gate-resolver");
+        worker.detach();
+        ++threads;
+    } catch (const std::system_error&) {
+    }
+}
+
+void ResolverPool::work() {
+    std::unique_lock<std::mutex> lock(mutex);
+    for (;;) {
+        if (queue.empty()) {
+            ++idle;
+            work_ready.wait(lock);
+            --idle;
+            continue;
+        }
+        const auto first = queue.begin();
+        const int64_t early_us = first->first - time_us();
+        if (early_us > 0) {
+            ++idle;
+            work_ready.wait_for(lock, std::chrono::microseconds(early_us));
+            --idle;
+            continue;
+        }
+        std::shared_ptr<ResolverJob> job = std::move(first->second);
+        queue.erase(first);
+        job->queued = false;
+        if (job->stop.load()) continue;
+        const bool announce = !job->announced;
+        job->announced = true;
+
+        lock.unlock();
+        if (announce) debug_tagged(TAG, "Trying to resolve %s:%s", job->host.c_str(), job->port_str.c_str());
+        const bool answered = attempt(*job);
+        if (answered && !job->stop.load() && wake_fd_ >= 0) {
+            const uint64_t one = 1;
+            (void)!write(wake_fd_, &one, sizeof(one));
+        }
+        lock.lock();
+
+        if (!answered && !job->stop.load()) enqueue(job, time_us() + RETRY_PERIOD_US);
+    }
+}
+
+// One lookup. True when the job has its answer.
+bool ResolverPool::attempt(ResolverJob& job) {
+    addrinfo* result = nullptr;
+    const int error = getaddrinfo(job.host.c_str(), job.port_str.c_str(), &job.hints, &result);
+    if (error == 0 && result != nullptr) {
+        job.answer = InetAddress::from(*result->ai_addr);
+        freeaddrinfo(result);
+        job.finished.store(true);
+        return true;
+    }
+    // A resolver that went away during the lookup is not reported on.
+    if (job.stop.load()) return false;
+    if (error == 0) {
+        debug_tagged(TAG, "ERROR: unexpected null result!");
+    } else {
+        debug_tagged(TAG, "WARN: failed to resolve address. %s:%s. Reason: %s", job.host.c_str(), job.port_str.c_str(),
+                     gai_strerror(error));
+    }
+    return false;
+}
+
+}  // namespace vostrelka
