@@ -22,28 +22,6 @@ std::unique_ptr<AddressResolver> resolver(const std::string& text) {
     return std::make_unique<AddressResolver>(*vostrelka::HostPort::from(text), false);
 }
 
-// A service record (seq 4 | type 1 | message id 1 | body size 4 | body)
-// holding a device_config body, cut to `cut_to` bytes, that names a UTM
-// server on port 5000:
-//   device_serial 32 | hash 16 | cfg_id 1 | node_manet_addr 4 | utm_manet_addr 4 |
-//   utm_inet_port 2 | node_manet_key 16 | utm_inet_host 32 | json length 4 | json
-Bytes device_config(uint32_t utm_manet_addr, const char* host = "127.0.0.1", std::string json = "", size_t cut_to = 200,
-                    uint8_t id = 4) {
-    Bytes body(49, 3);
-    put_le(body, 0x0B000001, 4);
-    put_le(body, utm_manet_addr, 4);
-    put_le(body, 5000, 2);
-    body.resize(body.size() + 16 + 32);
-    std::memcpy(&body[body.size() - 32], host, std::strlen(host));
-    put_le(body, json.size(), 4);
-    body.insert(body.end(), json.begin(), json.end());
-    body.resize(std::min(body.size(), cut_to));
-    Bytes record{42, 0, 0, 0, 1, id};
-    put_le(record, body.size(), 4);
-    record.insert(record.end(), body.begin(), body.end());
-    return record;
-}
-
 class GateRoutingTest : public ::testing::Test {
 protected:
     InProcessGate bench;

@@ -98,6 +98,8 @@ public:
         for (auto& line : output->snapshot().lines) texts.push_back(std::move(line.text));
         return texts;
     }
+    // Each line with the time_us() at which it was read.
+    std::vector<LinePipe::Line> timed_lines() { return output->snapshot().lines; }
     std::string log() { return output->snapshot().text; }
     pid_t pid() const { return child; }
 

@@ -3,7 +3,9 @@
 // configuration adds them, and the small builders the gateway tests share.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
@@ -37,6 +39,28 @@ struct InProcessGate {
 // Appends the `size` lowest bytes of `value`, least significant first.
 inline void put_le(Bytes& out, uint64_t value, size_t size) {
     for (size_t i = 0; i < size; i++) out.push_back(static_cast<uint8_t>(value >> (8 * i)));
+}
+
+// A service record (seq 4 | type 1 | message id 1 | body size 4 | body)
+// holding a device_config body, cut to `cut_to` bytes, that names a UTM
+// server on port 5000:
+//   device_serial 32 | hash 16 | cfg_id 1 | node_manet_addr 4 | utm_manet_addr 4 |
+//   utm_inet_port 2 | node_manet_key 16 | utm_inet_host 32 | json length 4 | json
+inline Bytes device_config(uint32_t utm_manet_addr, const char* host = "127.0.0.1", std::string json = "",
+                           size_t cut_to = 200, uint8_t id = 4) {
+    Bytes body(49, 3);
+    put_le(body, 0x0B000001, 4);
+    put_le(body, utm_manet_addr, 4);
+    put_le(body, 5000, 2);
+    body.resize(body.size() + 16 + 32);
+    std::memcpy(&body[body.size() - 32], host, std::strlen(host));
+    put_le(body, json.size(), 4);
+    body.insert(body.end(), json.begin(), json.end());
+    body.resize(std::min(body.size(), cut_to));
+    Bytes record{42, 0, 0, 0, 1, id};
+    put_le(record, body.size(), 4);
+    record.insert(record.end(), body.begin(), body.end());
+    return record;
 }
 
 // A MANet packet: src_addr (4, LE) | dst_addr (4, LE) | kind | flag | data
