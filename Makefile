@@ -44,16 +44,19 @@ sanitize: deps
 	$(call configure_and_build,build-asan,-DGATE_SANITIZE=address$(,)undefined -DGATE_BENCH=OFF -DCMAKE_BUILD_TYPE=Debug)
 	ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
 	  ctest --test-dir build-asan --output-on-failure -j $(JOBS)
+	$(call dns_jitter_run,build-asan,ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1)
 
 # Only the code that runs on more than one thread: the resolver's worker
-# pool, with its real threads and lookups. Only its test binary is built,
-# which keeps this target quick.
+# pool, with its real threads and lookups, in its own tests and in the DNS
+# jitter run (gateway and in-process resolvers). Only those programs are
+# built, which keeps this target quick.
 TSAN_TESTS ?= ResolverTest
 tsan: deps
 	@cmake -S . -B build-tsan -DGATE_WERROR=$(WERROR) $(CMAKE_FLAGS) -DGATE_SANITIZE=thread -DGATE_BENCH=OFF \
 	  -DCMAKE_BUILD_TYPE=Debug >/dev/null
-	@cmake --build build-tsan -j $(JOBS) --target $(TSAN_TESTS)
+	@cmake --build build-tsan -j $(JOBS) --target $(TSAN_TESTS) DnsScenarios
 	@set -e; for t in $(TSAN_TESTS); do TSAN_OPTIONS=halt_on_error=1 build-tsan/bin/$$t; done
+	$(call dns_jitter_run,build-tsan,TSAN_OPTIONS=halt_on_error=1)
 
 QUICK ?= 0
 bench: build

@@ -21,7 +21,7 @@ BIN=$(cd "${1:-$(dirname "$0")/../../build}" && pwd)/bin
 RUN=mesh$$
 WORK=$(mktemp -d "/tmp/$RUN.XXXX")
 WAIT_S=5          # longest wait for an expected frame or log line
-RESOLVE_WAIT_S=8  # an idle gateway sees finished look-ups once per pass of its loop (<= 5 s)
+RESOLVE_WAIT_S=8  # a finished lookup wakes the gateway at once; slack for a loaded machine
 QUIET_S=0.5       # how long "nothing more arrives" is watched for
 MANET_PORT=7700
 GATEWAYS=(a b c)
