@@ -48,6 +48,8 @@ public:
     static constexpr uint8_t MANET = 1;
 
     static constexpr int64_t MAX_SELECT_WAIT_US = 5000000;
+    // The longest wait while a link awaits reopening.
+    static constexpr int64_t LINK_RETRY_WAIT_US = 1000000;
     static constexpr int64_t PEER_TIMEOUT_US = 10000000;
     static constexpr size_t MAX_INTERFACES = 32;
     // Entries of the gateway's own (the resolver wake-up), beside the
@@ -136,7 +138,8 @@ private:
     void parse_rfmodem_config(Interface& iface, const json& config);
 
     void check_serial_port();
-    void check_serial_port(net_device::NetDeviceFactory::SerialPortDeviceInfo& record);
+    // Some link was lost and waits to be reopened.
+    bool link_awaits_reopening();
 
     // Both return false when the frame found nowhere to go.
     bool forward_local_frame(const net_device::NetDevice& from_device, const net_device::Frame& frame,

@@ -1,13 +1,11 @@
 // The gateway's one thread of work: wait for the devices, let them read
 // and deliver, then the periodic chores of a pass.
-#include <sys/stat.h>
-
 #include <cerrno>
 
 #include "Gate.h"
 #include "RunnerHandler.h"
 #include "vostrelka/SelectPass.h"
-#include "vostrelka/SerialPort.h"
+#include "vostrelka/SerialLine.h"
 #include "vostrelka/Time.h"
 #include "vostrelka/debug.h"
 
@@ -19,7 +17,11 @@ void Gate::loop() {
 
 void Gate::run_once(int64_t max_wait_us) {
     event_system::SelectPass pass(event_loop_entries.begin(), event_loop_entries.size);
-    const int ready = pass.wait(max_wait_us < MAX_SELECT_WAIT_US ? max_wait_us : MAX_SELECT_WAIT_US);
+    int64_t wait_us = max_wait_us < MAX_SELECT_WAIT_US ? max_wait_us : MAX_SELECT_WAIT_US;
+    // A link that awaits reopening is retried about once a second, also
+    // when nothing else happens.
+    if (wait_us > LINK_RETRY_WAIT_US && link_awaits_reopening()) wait_us = LINK_RETRY_WAIT_US;
+    const int ready = pass.wait(wait_us);
     if (ready > 0) {
         pass.deliver();
     } else if (ready < 0) {
@@ -82,41 +84,18 @@ void Gate::collect_resolutions() {
     }
 }
 
+// Lost lines are closed, and closed ones reopened once their path is back.
 void Gate::check_serial_port() {
-    for (auto& record : factory.serial_ports()) check_serial_port(record);
+    if (factory.serial_ports().empty()) return;
+    const int64_t now = time_us();
+    for (auto& line : factory.serial_ports()) line->supervise(now);
 }
 
-// Apart from the loop above so that a gateway without serial ports does not
-// pay for this one's stack frame in every pass.
-void Gate::check_serial_port(net_device::NetDeviceFactory::SerialPortDeviceInfo& record) {
-    drivers::SerialPort& port = *record.port;
-    struct stat path_stat {};
-    const bool path_exists = stat(record.path.c_str(), &path_stat) == 0;
-
-    if (port.is_open()) {
-        // An unplugged adapter leaves a descriptor whose mode is empty.
-        struct stat fd_stat {};
-        if (fstat(port.get_fd(), &fd_stat) != 0 || (fd_stat.st_mode & 0xFFF) == 0) {
-            debug("Serial port %s disconnected", record.path.c_str());
-            port.close();
-        }
-        return;
+bool Gate::link_awaits_reopening() {
+    for (const auto& line : factory.serial_ports()) {
+        if (line->awaiting_reopen()) return true;
     }
-    if (!path_exists) return;
-
-    const int opened = port.open(record.path.c_str());
-    debug("Serial port %s connecting", record.path.c_str());
-    if (opened != 0) {
-        debug("ERROR: open serial port: %s", record.path.c_str());
-        return;
-    }
-    const auto stop_bits =
-        record.stop_bits == 2 ? drivers::SerialPort::StopBits::TWO : drivers::SerialPort::StopBits::ONE;
-    if (port.configure(static_cast<unsigned int>(record.baud_rate), drivers::SerialPort::Parity::NONE, stop_bits) !=
-        0) {
-        debug("ERROR: set serial port baudrate to %i and stop bits to %i", static_cast<int>(record.baud_rate),
-              record.stop_bits);
-    }
+    return false;
 }
 
 }  // namespace vostrelka

@@ -1,15 +1,10 @@
-// Single passes of the gate's main loop: events, timers, select() failures,
-// peer ageing and serial port supervision; and the RF modem handler that
-// each pass updates.
+// Single passes of the gate's main loop: events, timers, select() failures
+// and peer ageing; and the RF modem handler that each pass updates.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 
 #include "RFModemHandler.h"
 #include "support/InProcessGate.h"
-#include "support/PtyPair.h"
-#include "support/TempDir.h"
-#include "vostrelka/SerialPort.h"
 #include "vostrelka/Time.h"
 
 using namespace test_support;
@@ -127,29 +122,6 @@ TEST_F(GateLoopTest, LinksLearnedOnLocalLinksAgeOutAfterTenSilentSeconds) {
     ASSERT_EQ(gate.manet_peer_table().at(0x0B000002).size(), 1u);
     EXPECT_EQ(gate.manet_peer_table().at(0x0B000002)[0].local_addr, 0x09);
     EXPECT_EQ(gate.manet_peer_table().count(0x0B000003), 1u);
-}
-
-// The adapter is a pseudo-terminal behind a symlinked path, as udev names a
-// USB adapter: unplugging takes the permission bits off the old terminal's
-// node (what the gate sees through its open descriptor) and removes the
-// link; plugging back points the link at a new terminal.
-TEST_F(GateLoopTest, SerialPortIsClosedOnceWhenUnpluggedAndReopenedWhenPluggedBack) {
-    TempDir dir;
-    const std::string path = dir.path() + "/ttyADAPTER";
-    PtyPair first, second;
-    ASSERT_EQ(symlink(first.slave_path().c_str(), path.c_str()), 0);
-    auto port = std::make_shared<vostrelka::drivers::SerialPort>();
-    gate.device_factory().serial_ports().push_back({port, 1, 115200, path});
-
-    EXPECT_EQ(pass(), Lines{"Serial port " + path + " connecting"});
-    EXPECT_EQ(pass(), Lines{});
-    ASSERT_EQ(chmod(first.slave_path().c_str(), 0) | unlink(path.c_str()), 0);
-    EXPECT_EQ(pass(), Lines{"Serial port " + path + " disconnected"});
-    EXPECT_FALSE(port->is_open());
-    EXPECT_EQ(pass(), Lines{});
-    ASSERT_EQ(symlink(second.slave_path().c_str(), path.c_str()), 0);
-    EXPECT_EQ(pass(), Lines{"Serial port " + path + " connecting"});
-    EXPECT_TRUE(port->is_open());
 }
 
 // The base config goes from the device to the modem at nine:

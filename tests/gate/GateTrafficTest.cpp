@@ -2,54 +2,15 @@
 // "serial" links, and MANet packets between a local link and a gateway.
 #include <gtest/gtest.h>
 
+#include "support/GateLink.h"
 #include "support/GateProcess.h"
-#include "support/PtyPair.h"
 #include "support/TempDir.h"
-#include "support/UdpEndpoint.h"
-#include "support/frame_recorder.h"
 
 using namespace test_support;
 using Frame = RecordedFrame;
 using std::chrono::milliseconds;
 
 namespace {
-
-// A "udp" datagram: proto_id | src | dst | payload.
-Bytes datagram(const Frame& frame) {
-    Bytes bytes{frame.proto_id, frame.src, frame.dst};
-    bytes.insert(bytes.end(), frame.payload.begin(), frame.payload.end());
-    return bytes;
-}
-
-// One device on a link of the gate, played by the test: behind a UDP socket
-// or at the far end of a serial line (`pty`); serial framing except on "udp".
-struct Link {
-    Link(uint16_t port, bool framed_, PtyPair* pty_ = nullptr) : gate_port(port), framed(framed_), pty(pty_) {}
-    uint16_t gate_port;
-    bool framed;
-    PtyPair* pty;
-    UdpEndpoint udp;
-    SerialFraming framing;
-    std::vector<Frame> pending;
-
-    void send(const Frame& frame) {
-        const Bytes bytes = framed ? to_serial_bytes(frame) : datagram(frame);
-        ASSERT_TRUE(pty ? pty->write_master(bytes) : udp.send_to(gate_port, bytes));
-    }
-    // The next frame the gate sent here; empty after the timeout.
-    std::optional<Frame> receive(int timeout_ms = 3000) {
-        for (int waited = 0; pending.empty() && waited < timeout_ms; waited += 20) {
-            const Bytes bytes = pty ? pty->read_master(4096, milliseconds(20)) : udp.receive(20).value_or(Bytes{});
-            if (framed) pending = framing.feed(bytes);
-            if (!framed && bytes.size() >= 3)
-                pending = {{bytes[0], bytes[1], bytes[2], Bytes(bytes.begin() + 3, bytes.end())}};
-        }
-        if (pending.empty()) return std::nullopt;
-        const Frame frame = pending.front();
-        pending.erase(pending.begin());
-        return frame;
-    }
-};
 
 // udp on iface 1, udpserial on iface 2, serial on iface 3, and the MANet
 // interface 4 with gateway 0x0A000002 (local address 0x22) configured by

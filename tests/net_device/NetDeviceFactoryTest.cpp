@@ -7,7 +7,7 @@
 #include "support/UdpEndpoint.h"
 #include "support/frame_recorder.h"
 #include "vostrelka/NetDeviceSerial.h"
-#include "vostrelka/SerialPort.h"
+#include "vostrelka/SerialLine.h"
 #include "vostrelka/net_device/NetDeviceFactory.h"
 #include "vostrelka/net_device_udp/NetDeviceUDPSerial.h"
 
@@ -84,9 +84,10 @@ TEST(NetDeviceFactory, SerialDeviceKeepsARecordOfItsPortEvenWhenItDidNotOpen) {
               "ERROR: set serial port baudrate to 14400 and stop bits to 1\n");
     const auto& records = factory.serial_ports();
     ASSERT_EQ(records.size(), 3u);
-    EXPECT_EQ(records[0].path + " " + std::to_string(records[0].baud_rate) + " " + std::to_string(records[0].stop_bits),
+    EXPECT_EQ(records[0]->get_path() + " " + std::to_string(records[0]->get_baud_rate()) + " " +
+                  std::to_string(records[0]->get_stop_bits()),
               pty.slave_path() + " 115200 2");
-    EXPECT_EQ(records[1].path + " " + std::to_string(records[1].stop_bits), "/nonexistent/ttyX 1");
-    EXPECT_LT(records[1].port->get_fd(), 0);
-    EXPECT_GE(records[2].port->get_fd(), 0);
+    EXPECT_EQ(records[1]->get_path() + " " + std::to_string(records[1]->get_stop_bits()), "/nonexistent/ttyX 1");
+    EXPECT_LT(records[1]->get_port()->get_fd(), 0);
+    EXPECT_GE(records[2]->get_port()->get_fd(), 0);
 }

@@ -59,6 +59,12 @@ public:
         return out;
     }
     std::vector<uint8_t> read_master_available() { return read_master(SIZE_MAX, Wait(0)); }
+    // The far end goes away: the terminal is hung up for whoever still has
+    // the slave open, and its path disappears.
+    void hang_up() {
+        close(slave), close(master);
+        slave = master = -1;
+    }
 
 private:
     // Only after EAGAIN or EINTR: whether `events` came before the deadline.

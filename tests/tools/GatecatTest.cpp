@@ -2,6 +2,7 @@
 // over every kind of link, and replayed from a dump.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 
 #include <iterator>
 #include <sstream>
@@ -97,6 +98,24 @@ TEST(GatecatCommandLine, TerminatedDumpStillPrintsItsSummaryAndExitsZero) {
         EXPECT_EQ(dump.wait_exit(), 0) << sig;
         EXPECT_EQ(dump.lines().back(),
                   "gatecat: 0 frames; codec errors: encode 0, rx overflow 0, crc 0, short 0, escape 0");
+    }
+}
+
+// A dump ends when its serial line goes, whether its far end hangs up or
+// its adapter is unplugged (the node's mode bits go).
+TEST(GatecatCommandLine, DumpOnASerialLineEndsWhenTheLineGoes) {
+    for (const bool unplug : {false, true}) {
+        PtyPair pty;
+        const std::string iface = "serial://" + pty.slave_path() + ":115200";
+        GateProcess dump(gatecat_binary(), {"dump", iface}, true);
+        ASSERT_TRUE(dump.wait_for_prefix("gatecat: listening on ")) << dump.log();
+        if (unplug) {
+            ASSERT_EQ(chmod(pty.slave_path().c_str(), 0), 0);
+        } else {
+            pty.hang_up();
+        }
+        EXPECT_EQ(dump.wait_exit(), EXIT_RUNTIME_FAILURE) << dump.log();
+        EXPECT_TRUE(dump.wait_for_line("gatecat: dump: " + iface + " disconnected")) << dump.log();
     }
 }
 

@@ -1,7 +1,5 @@
 #include "gatecat/InterfaceOpener.h"
 
-#include <sys/stat.h>
-
 namespace vostrelka {
 namespace gatecat {
 
@@ -70,18 +68,15 @@ std::unique_ptr<net_device::NetDevice> InterfaceOpener::open(const std::string& 
     // The factory hands out a serial device even when its port did not open,
     // for the gateway to reopen later; a tool that runs once has no later.
     if (device && factory.serial_ports().size() > serial_ports_before) {
-        const auto& record = factory.serial_ports().back();
-        if (!record.port || !record.port->is_open()) return nullptr;
-        serial_port = record.port;
+        const auto& line = factory.serial_ports().back();
+        if (!line->get_port()->is_open()) return nullptr;
+        serial_line = line;
     }
     return device;
 }
 
 bool InterfaceOpener::serial_line_lost() const {
-    if (!serial_port) return false;
-    // The mode of an unplugged adapter's descriptor reads as empty.
-    struct stat line {};
-    return fstat(serial_port->get_fd(), &line) != 0 || (line.st_mode & 07777) == 0;
+    return serial_line && serial_line->lost();
 }
 
 }  // namespace gatecat

@@ -10,7 +10,7 @@
 #include <memory>
 #include <string>
 
-#include "vostrelka/SerialPort.h"
+#include "vostrelka/SerialLine.h"
 #include "vostrelka/net_device/NetDevice.h"
 #include "vostrelka/net_device/NetDeviceFactory.h"
 
@@ -29,9 +29,8 @@ public:
     // factory has logged why. Call check() first.
     std::unique_ptr<net_device::NetDevice> open(const std::string& iface);
 
-    // Whether the serial line opened last has gone, as an unplugged adapter
-    // does: its descriptor then stays readable with nothing to read. Always
-    // false for other interfaces.
+    // Whether the serial line opened last has gone: its adapter unplugged or
+    // its far end hung up. Always false for other interfaces.
     bool serial_line_lost() const;
 
 private:
@@ -39,7 +38,7 @@ private:
     std::string with_address(const std::string& iface);
 
     net_device::NetDeviceFactory factory;
-    std::shared_ptr<drivers::SerialPort> serial_port;
+    std::shared_ptr<drivers::SerialLine> serial_line;
 };
 
 }  // namespace gatecat

@@ -12,7 +12,7 @@
 
 namespace vostrelka {
 namespace drivers {
-class SerialPort;
+class SerialLine;
 }
 namespace net_device {
 
@@ -22,13 +22,6 @@ public:
         std::string type;
         std::vector<std::string> params;
         int address = 0;
-    };
-
-    struct SerialPortDeviceInfo {
-        std::shared_ptr<drivers::SerialPort> port;
-        int stop_bits = 1;
-        long baud_rate = 9600;
-        std::string path;
     };
 
     NetDeviceFactory();
@@ -55,10 +48,12 @@ public:
     std::unique_ptr<NetDevice> make_net_device_udp(InterfaceDescription& desc);
     std::unique_ptr<NetDevice> make_net_device_udpserial(InterfaceDescription& desc);
 
-    std::vector<SerialPortDeviceInfo>& serial_ports() { return serial_port_records; }
+    // Every serial line the factory made, opened or not, for the main loop
+    // to supervise (the platform's SerialLine).
+    std::vector<std::shared_ptr<drivers::SerialLine>>& serial_ports() { return serial_port_records; }
 
 private:
-    std::vector<SerialPortDeviceInfo> serial_port_records;
+    std::vector<std::shared_ptr<drivers::SerialLine>> serial_port_records;
 };
 
 }  // namespace net_device

@@ -38,7 +38,7 @@ const BaudEntry* find_baud(unsigned int baud) {
 
 }  // namespace
 
-SerialPort::SerialPort(SerialPort&& other) noexcept : fd(other.fd), baud_rate(other.baud_rate) {
+SerialPort::SerialPort(SerialPort&& other) noexcept : fd(other.fd), baud_rate(other.baud_rate), failure(other.failure) {
     other.fd = -1;
 }
 
@@ -47,27 +47,69 @@ SerialPort::~SerialPort() {
 }
 
 int SerialPort::open(const char* path) {
+    if (open_quietly(path) == 0) return 0;
+    log_open_failure(path);
+    return -1;
+}
+
+int SerialPort::open_quietly(const char* path) {
     close();  // reopening must not leak the old descriptor
+    failure = OpenFailure{};
     fd = ::open(path, O_RDWR | O_NOCTTY | O_NONBLOCK);
     if (fd < 0) {
-        debug_tagged(TAG, "ERROR: opening port \"%s\": %s", path, std::strerror(errno));
+        failure = OpenFailure{OpenFailure::Step::OPEN, errno};
         return -1;
     }
-    if (configure(DEFAULT_BAUD, Parity::NONE, StopBits::ONE) != 0) {
-        debug_tagged(TAG, "ERROR: setting default port configuration: %s", std::strerror(errno));
+    if (apply(DEFAULT_BAUD) != 0) {
         close();
         return -1;
     }
     return 0;
 }
 
+void SerialPort::log_open_failure(const char* path) const {
+    const char* reason = std::strerror(failure.error);
+    switch (failure.step) {
+        case OpenFailure::Step::NONE:
+            return;
+        case OpenFailure::Step::OPEN:
+            debug_tagged(TAG, "ERROR: opening port \"%s\": %s", path, reason);
+            return;
+        case OpenFailure::Step::GET_ATTRIBUTES:
+            debug_tagged(TAG, "ERROR: tcgetattr: %s", reason);
+            break;
+        case OpenFailure::Step::SET_ATTRIBUTES:
+        case OpenFailure::Step::BAUD:  // not from the default rate
+            debug_tagged(TAG, "ERROR: tcsetattr: %s", reason);
+            break;
+    }
+    debug_tagged(TAG, "ERROR: setting default port configuration: %s", reason);
+}
+
 // Always raw 8N1 without flow control: the devices on our lines speak nothing
 // else, so `parity` and `stop_bits` are accepted and deliberately not applied.
 int SerialPort::configure(unsigned int baud, Parity /*parity*/, StopBits /*stop_bits*/) {
+    if (apply(baud) == 0) return 0;
+    const char* reason = std::strerror(failure.error);
+    switch (failure.step) {
+        case OpenFailure::Step::GET_ATTRIBUTES:
+            debug_tagged(TAG, "ERROR: tcgetattr: %s", reason);
+            break;
+        case OpenFailure::Step::BAUD:
+            debug_tagged(TAG, "ERROR: invalid baudrate: %i", static_cast<int>(baud));
+            break;
+        default:
+            debug_tagged(TAG, "ERROR: tcsetattr: %s", reason);
+            break;
+    }
+    return -1;
+}
+
+int SerialPort::apply(unsigned int baud) {
     struct termios tty;
     std::memset(&tty, 0, sizeof(tty));
     if (tcgetattr(fd, &tty) != 0) {
-        debug_tagged(TAG, "ERROR: tcgetattr: %s", std::strerror(errno));
+        failure = OpenFailure{OpenFailure::Step::GET_ATTRIBUTES, errno};
         return -1;
     }
 
@@ -80,7 +122,7 @@ int SerialPort::configure(unsigned int baud, Parity /*parity*/, StopBits /*stop_
 
     const BaudEntry* entry = find_baud(baud);
     if (entry == nullptr) {
-        debug_tagged(TAG, "ERROR: invalid baudrate: %i", static_cast<int>(baud));
+        failure = OpenFailure{OpenFailure::Step::BAUD, 0};
         return -1;
     }
 
@@ -88,7 +130,7 @@ int SerialPort::configure(unsigned int baud, Parity /*parity*/, StopBits /*stop_
     cfsetospeed(&tty, entry->speed);
     cfsetispeed(&tty, entry->speed);
     if (tcsetattr(fd, TCSANOW, &tty) != 0) {
-        debug_tagged(TAG, "ERROR: tcsetattr: %s", std::strerror(errno));
+        failure = OpenFailure{OpenFailure::Step::SET_ATTRIBUTES, errno};
         return -1;
     }
     return 0;

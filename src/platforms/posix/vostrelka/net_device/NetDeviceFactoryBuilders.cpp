@@ -5,6 +5,7 @@
 
 #include "vostrelka/InetAddress.h"
 #include "vostrelka/NetDeviceSerial.h"
+#include "vostrelka/SerialLine.h"
 #include "vostrelka/SerialPort.h"
 #include "vostrelka/debug.h"
 #include "vostrelka/net_device/NetDeviceFactory.h"
@@ -116,15 +117,8 @@ std::unique_ptr<NetDevice> NetDeviceFactory::make_net_device_serial(InterfaceDes
     }
 
     auto port = std::make_shared<drivers::SerialPort>();
-    if (port->open(path.c_str()) != 0) {
-        debug("ERROR: open serial port: %s", path.c_str());
-    } else if (port->configure(
-                   static_cast<unsigned int>(baud_rate), drivers::SerialPort::Parity::NONE,
-                   stop_bits == 2 ? drivers::SerialPort::StopBits::TWO : drivers::SerialPort::StopBits::ONE) != 0) {
-        debug("ERROR: set serial port baudrate to %i and stop bits to %i", static_cast<int>(baud_rate), stop_bits);
-    }
-
-    serial_port_records.push_back(SerialPortDeviceInfo{port, stop_bits, baud_rate, path});
+    serial_port_records.push_back(std::make_shared<drivers::SerialLine>(port, stop_bits, baud_rate, path));
+    serial_port_records.back()->open();
     return std::make_unique<NetDeviceSerialAlloc<2048, 2048>>(*port, static_cast<uint8_t>(desc.address));
 }
 
