@@ -173,8 +173,10 @@ bool Gate::parse_config(std::string&& text) {
     json& iface_entries = root["ifaces"];
     if (!parse_ifaces(iface_entries)) return false;
     // Both exit on every error they report.
+    configuring = true;
     if (root.contains("local_peers")) parse_local_peers(root["local_peers"]);
     if (root.contains("manet_peers")) parse_manet_peers(root["manet_peers"]);
+    configuring = false;
 
     // After the peers: an RF modem takes its address from the MANet-peer table.
     for (const json& entry : iface_entries) {
@@ -252,7 +254,7 @@ bool Gate::parse_manet_peers(json& peers) {
             }
             resolver = std::make_unique<AddressResolver>(*host_port, false);
         }
-        if (!add_manet_peer(iface, manet_addr, addr, std::move(resolver), std::nullopt)) {
+        if (!add_manet_peer(iface, manet_addr, addr, std::move(resolver), std::nullopt, Origin::CONFIGURED)) {
             debug("ERROR: duplicate MANet peer: 0x%08X", manet_addr);
             exit(1);
         }

@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "PeerTableLog.h"
 #include "vostrelka/Application.h"
 #include "vostrelka/ArrayList.h"
 #include "vostrelka/EventLoopEntry.h"
@@ -57,6 +58,10 @@ public:
     // so they do not change which timer counts.
     static constexpr size_t MAX_INTERNAL_ENTRIES = 4;
     static constexpr size_t MAX_EVENT_LOOP_ENTRIES = MAX_INTERFACES + MAX_INTERNAL_ENTRIES;
+    // What traffic may add to the MANet table, in links. Past a cap a new
+    // link replaces the one of its origin seen longest ago.
+    static constexpr size_t MAX_LEARNED_LINKS = 4096;
+    static constexpr size_t MAX_ANNOUNCED_LINKS = 16;
 
     struct Interface {
         uint32_t id = 0;
@@ -73,6 +78,10 @@ public:
         std::optional<InetAddress> inet_addr;  // UDP devices only
     };
 
+    // Where a MANet link came from: the configuration file, a MANet packet
+    // on a local link, or a device_config naming its UTM server.
+    enum class Origin : uint8_t { CONFIGURED, LEARNED, ANNOUNCED };
+
     // One link to a remote gateway; a gateway may have several.
     struct MANetPeer {
         Interface* iface = nullptr;
@@ -80,6 +89,7 @@ public:
         std::unique_ptr<AddressResolver> resolver;  // when given by host name
         std::optional<InetAddress> inet_addr;
         uint64_t last_seen = 0;  // time_us()
+        Origin origin = Origin::CONFIGURED;
     };
 
     using Interfaces = std::map<uint32_t, Interface>;
@@ -120,7 +130,8 @@ public:
     const MANetPeers& manet_peer_table() const { return manet_peers; }
     bool add_local_peer(Interface& iface, uint8_t addr, const std::optional<InetAddress>& inet_addr);
     bool add_manet_peer(Interface& iface, uint32_t manet_addr, uint8_t local_addr,
-                        std::unique_ptr<AddressResolver>&& resolver, std::optional<InetAddress> inet_addr);
+                        std::unique_ptr<AddressResolver>&& resolver, std::optional<InetAddress> inet_addr,
+                        Origin origin);
     // Test hook: pretends link `index` of `manet_addr` was last seen at `last_seen`.
     void set_last_seen(uint32_t manet_addr, size_t index, uint64_t last_seen);
     std::string full_addr_s_local(uint8_t addr, const std::optional<InetAddress>& inet_addr) const;
@@ -150,6 +161,23 @@ private:
     void handle_device_config(const tessera::MessageInfo& info);
     Interfaces::iterator find_iface_by_ref(const net_device::NetDevice& device);
 
+    // Bookkeeping of the MANet table beside the table itself (GatePeers.cpp).
+    struct LinkDue {
+        int64_t due_us;  // a link of `manet_addr` may expire after this
+        uint32_t manet_addr;
+    };
+    static bool later_due(const LinkDue& a, const LinkDue& b);
+    bool table_line_admitted();
+    void note_new_link(uint32_t manet_addr, const MANetPeer& link);
+    void forget_link(const MANetPeer& link);
+    void note_ageing(uint32_t manet_addr, int64_t due_us);
+    bool earliest_due(const std::vector<MANetPeer>& links, int64_t& due_us) const;
+    void rebuild_ageing();
+    void make_room(Origin origin, uint32_t manet_addr);
+    void evict_learned_link(uint32_t keep_addr);
+    void evict_announced_link(uint32_t keep_addr);
+    void evict(MANetPeers::iterator found, size_t index, uint32_t keep_addr);
+
     // Members are destroyed in reverse order: handlers first, then MANet
     // peers (and their resolvers), local peers, interfaces, the factory.
     int32_t debug_level = 0;
@@ -161,6 +189,21 @@ private:
     LocalPeers local_peers;
     MANetPeers manet_peers;
     std::vector<std::unique_ptr<RunnerHandler>> handlers;
+
+    // A min-heap on when links on local interfaces may expire, so that a
+    // pass looks only at what is due. Entries are rechecked when they come
+    // up: a refresh moves a link's time without touching the heap.
+    std::vector<LinkDue> ageing;
+    std::vector<uint32_t> expiring;  // reused by every pass that ages links
+    size_t ageing_links = 0;         // links on local interfaces
+    size_t learned_links = 0;
+    size_t announced_links = 0;
+    std::vector<uint32_t> announced_addrs;      // may hold gone ones
+    std::vector<uint32_t> awaiting_resolution;  // ascending, may hold gone ones
+    bool learned_cap_reached = false;
+    bool announced_cap_reached = false;
+    bool configuring = false;  // lines of the configuration are never held back
+    PeerTableLog table_log;
 };
 
 }  // namespace vostrelka

@@ -30,6 +30,8 @@ void Gate::run_once(int64_t max_wait_us) {
     pass.run_due_timer();
 
     check_serial_port();
+    // A flood of table changes that has stopped still gets its summary line.
+    if (table_log.holding_back()) table_log.flush(time_us());
 
     // Nothing below needs the time when there is nothing to update or age,
     // and a clock read costs about as much as the rest of the pass's chores.
@@ -41,47 +43,6 @@ void Gate::run_once(int64_t max_wait_us) {
     // The resolver wake-up calls this as soon as an answer comes; here it is
     // the fallback, e.g. for a wake-up taken by another gate of the process.
     collect_resolutions();
-}
-
-// Links learned from local traffic go when the node falls silent; links on
-// other interfaces never age.
-void Gate::age_learned_links(int64_t now) {
-    for (auto links_it = manet_peers.begin(); links_it != manet_peers.end();) {
-        std::vector<MANetPeer>& links = links_it->second;
-        for (size_t i = 0; i < links.size();) {
-            MANetPeer& link = links[i];
-            if (link.iface->type == LOCAL && static_cast<int64_t>(link.last_seen) + PEER_TIMEOUT_US < now) {
-                debug("Remove MANet peer on iface %u, last seen %lu: %s", link.iface->id,
-                      static_cast<unsigned long>(link.last_seen), full_addr_s_manet(links_it->first, link).c_str());
-                links.erase(links.begin() + static_cast<std::ptrdiff_t>(i));
-                continue;
-            }
-            ++i;
-        }
-        // A gateway without links is unknown again, so that MANet traffic
-        // from it is no longer accepted.
-        if (links.empty()) {
-            links_it = manet_peers.erase(links_it);
-        } else {
-            ++links_it;
-        }
-    }
-}
-
-// Finished name lookups give their links a socket address. A lookup that
-// finished without an answer leaves the link unresolved for good; it is not
-// restarted.
-void Gate::collect_resolutions() {
-    for (auto& entry : manet_peers) {
-        for (MANetPeer& link : entry.second) {
-            if (link.iface->type == LOCAL || !link.resolver || link.inet_addr || !link.resolver->finished()) continue;
-            std::optional<InetAddress> resolved = link.resolver->get_resolved_address();
-            if (!resolved) continue;
-            link.inet_addr = std::move(resolved);
-            debug("MANet peer on iface %u retrieved addrinfo '%s': '%s'", link.iface->id, link.resolver->to_s().c_str(),
-                  link.inet_addr->to_s().c_str());
-        }
-    }
 }
 
 // Lost lines are closed, and closed ones reopened once their path is back.

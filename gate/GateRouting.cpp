@@ -78,7 +78,7 @@ void Gate::on_frame(net_device::NetDevice& device, const net_device::Frame& fram
             device.count_unroutable();
             return;
         }
-        add_manet_peer(iface, packet.src_addr, frame.src, std::unique_ptr<AddressResolver>(), from_inet);
+        add_manet_peer(iface, packet.src_addr, frame.src, nullptr, from_inet, Origin::LEARNED);
         if (!forward_manet_frame(iface, frame, packet, from_inet)) device.count_unroutable();
     } else if (iface.type == MANET) {
         if (!is_manet) {

@@ -50,7 +50,8 @@ void Gate::handle_device_config(const tessera::MessageInfo& info) {
         // A link that is already known only gets refreshed; the resolver
         // made here then goes unused.
         add_manet_peer(iface, manet.utm_manet_addr, UTM_LOCAL_ADDR,
-                       std::make_unique<AddressResolver>(std::move(*host_port), false), std::nullopt);
+                       std::make_unique<AddressResolver>(std::move(*host_port), false), std::nullopt,
+                       Origin::ANNOUNCED);
     }
 }
 

@@ -60,8 +60,9 @@ struct Harness {
         gate->add_local_peer(*ifaces[0], 0x10, sink_address);
         gate->add_local_peer(*ifaces[1], 0x11, sink_address);
         gate->add_local_peer(*ifaces[2], 0x12, std::nullopt);
-        if (with_manet) gate->add_manet_peer(*ifaces[3], CONFIGURED_MANET, 0x20, nullptr, sink_address);
-        gate->add_manet_peer(*ifaces[2], CONFIGURED_MANET + 1, 0x21, nullptr, std::nullopt);
+        if (with_manet)
+            gate->add_manet_peer(*ifaces[3], CONFIGURED_MANET, 0x20, nullptr, sink_address, Gate::Origin::CONFIGURED);
+        gate->add_manet_peer(*ifaces[2], CONFIGURED_MANET + 1, 0x21, nullptr, std::nullopt, Gate::Origin::CONFIGURED);
         // What was forwarded is not looked at; keep the sink and the records from filling.
         while (sink.receive(0)) {
         }

@@ -29,7 +29,8 @@ protected:
         }
         log_lines_of([&] {
             gate.add_local_peer(bench.iface(2), 0x02, InetAddress::from(sink.address()));
-            gate.add_manet_peer(bench.iface(3), 0x0A000002, 0x20, nullptr, InetAddress::from(sink.address()));
+            gate.add_manet_peer(bench.iface(3), 0x0A000002, 0x20, nullptr, InetAddress::from(sink.address()),
+                                Gate::Origin::CONFIGURED);
         });
     }
 

@@ -112,7 +112,9 @@ TEST_F(GateLoopTest, LinksLearnedOnLocalLinksAgeOutAfterTenSilentSeconds) {
         {0x0B000003, 1, 0x0A, now - Gate::PEER_TIMEOUT_US + SECOND_US},
     };
     for (const auto& l : links) {
-        log_lines_of([&] { gate.add_manet_peer(bench.iface(l.iface), l.manet_addr, l.local_addr, nullptr, {}); });
+        log_lines_of([&] {
+            gate.add_manet_peer(bench.iface(l.iface), l.manet_addr, l.local_addr, nullptr, {}, Gate::Origin::LEARNED);
+        });
         gate.set_last_seen(l.manet_addr, gate.manet_peer_table().at(l.manet_addr).size() - 1, l.last_seen);
     }
     const std::string seen = std::to_string(stale);
@@ -122,6 +124,20 @@ TEST_F(GateLoopTest, LinksLearnedOnLocalLinksAgeOutAfterTenSilentSeconds) {
     ASSERT_EQ(gate.manet_peer_table().at(0x0B000002).size(), 1u);
     EXPECT_EQ(gate.manet_peer_table().at(0x0B000002)[0].local_addr, 0x09);
     EXPECT_EQ(gate.manet_peer_table().count(0x0B000003), 1u);
+}
+
+// A sighting refreshes a link after its time was filed for ageing: the
+// pass that finds it due looks again and keeps it.
+TEST_F(GateLoopTest, ARefreshedLinkOutlivesTheTimeItWasFiledUnder) {
+    bench.add_recording_iface(1);
+    const uint64_t stale = static_cast<uint64_t>(vostrelka::time_us()) - Gate::PEER_TIMEOUT_US - SECOND_US;
+    log_lines_of([&] {
+        gate.add_manet_peer(bench.iface(1), 0x0B000001, 0x07, nullptr, {}, Gate::Origin::LEARNED);
+        gate.set_last_seen(0x0B000001, 0, stale);
+        gate.add_manet_peer(bench.iface(1), 0x0B000001, 0x07, nullptr, {}, Gate::Origin::LEARNED);
+    });
+    EXPECT_EQ(pass(), Lines{});
+    EXPECT_EQ(gate.manet_peer_table().count(0x0B000001), 1u);
 }
 
 // The base config goes from the device to the modem at nine:

@@ -2,8 +2,6 @@
 // send: routing, the peer tables, and service frames naming a UTM server.
 #include <gtest/gtest.h>
 
-#include <cstring>
-
 #include "support/InProcessGate.h"
 #include "vostrelka/ProtoIds.h"
 #include "vostrelka/Time.h"
@@ -36,10 +34,11 @@ protected:
         });
     }
     Lines link(uint32_t iface, uint32_t manet_addr, uint8_t local_addr,
-               std::unique_ptr<AddressResolver> by_name = nullptr, const char* address = nullptr) {
+               std::unique_ptr<AddressResolver> by_name = nullptr, const char* address = nullptr,
+               Gate::Origin origin = Gate::Origin::LEARNED) {
         return log_lines_of([&] {
             gate.add_manet_peer(bench.iface(iface), manet_addr, local_addr, std::move(by_name),
-                                address ? InetAddress::from(address) : std::nullopt);
+                                address ? InetAddress::from(address) : std::nullopt, origin);
         });
     }
     Lines receive(RecordingNetDevice& device, uint8_t proto_id, uint8_t src, uint8_t dst, const Bytes& payload) {
@@ -215,6 +214,64 @@ TEST_F(GateRoutingTest, MalformedUnusableOrOtherServiceMessagesChangeNothing) {
         EXPECT_EQ(receive(*serial1, proto_id, 0x01, 0xFF, payload), expected);
         EXPECT_TRUE(gate.manet_peer_table().empty());
     }
+}
+
+// What traffic adds to the MANet table is capped; past a cap the oldest link
+// of the same origin makes room and configured links are never the one.
+TEST_F(GateRoutingTest, LearnedLinksAreCappedAndTheOneSeenLongestAgoMakesRoom) {
+    link(1, 0x0C000001, 0x05, nullptr, nullptr, Gate::Origin::CONFIGURED);
+    const uint64_t long_ago = static_cast<uint64_t>(vostrelka::time_us()) - 60000000;
+    gate.set_last_seen(0x0C000001, 0, long_ago - 1);  // older still, but configured
+    const Lines lines = log_lines_of([&] {
+        for (uint32_t i = 0; i < Gate::MAX_LEARNED_LINKS; ++i) {
+            gate.add_manet_peer(bench.iface(1 + i % 2), 0x0B000000 + i, 0x07, nullptr, std::nullopt,
+                                Gate::Origin::LEARNED);
+        }
+        gate.set_last_seen(0x0B000005, 0, long_ago);
+        gate.set_last_seen(0x0B000009, 0, long_ago + 1);
+        for (uint32_t addr : {0x0D000001, 0x0D000002}) {
+            gate.add_manet_peer(bench.iface(2), addr, 0x07, nullptr, std::nullopt, Gate::Origin::LEARNED);
+        }
+    });
+    const std::string warning =
+        "WARNING: 4096 learned MANet links, the most kept: a new one now replaces the one seen longest ago";
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), warning), 1) << lines.size();
+    const auto& table = gate.manet_peer_table();
+    EXPECT_EQ(table.size(), Gate::MAX_LEARNED_LINKS + 1);
+    EXPECT_EQ(table.count(0x0B000005) + table.count(0x0B000009), 0u);
+    EXPECT_EQ(table.count(0x0C000001) + table.count(0x0D000001) + table.count(0x0D000002), 3u);
+}
+
+TEST_F(GateRoutingTest, AnnouncedLinksAreCappedAndNeverTakeOverAConfiguredGateway) {
+    link(3, 0x0A000001, 0x22, nullptr, "127.0.0.1:7000", Gate::Origin::CONFIGURED);
+    local(1, 0x01);
+    for (uint32_t i = 0; i < Gate::MAX_ANNOUNCED_LINKS; ++i) {
+        receive(*serial1, vostrelka::SERVICE_PROTO_ID, 0x01, 0xFF, device_config(0x0E000000 + i));
+    }
+    const uint64_t long_ago = static_cast<uint64_t>(vostrelka::time_us()) - 60000000;
+    gate.set_last_seen(0x0E000003, 0, long_ago);
+    const std::string utm = " / 0xFF / 127.0.0.1:5000 / UNKNOWN INET ADDR";
+    EXPECT_EQ(receive(*serial1, vostrelka::SERVICE_PROTO_ID, 0x01, 0xFF, device_config(0x0E0000FF)),
+              (Lines{"WARNING: 16 MANet links announced by device_config, the most kept: a new one now replaces the "
+                     "one seen longest ago",
+                     "Remove MANet peer on iface 3, last seen " + std::to_string(long_ago) + ": 0x0E000003" + utm,
+                     "add MANet peer on iface 3: 0x0E0000FF" + utm}));
+    EXPECT_EQ(receive(*serial1, vostrelka::SERVICE_PROTO_ID, 0x01, 0xFF, device_config(0x0E0000FE)).size(), 2u);
+
+    // The configured gateway keeps its address whatever a device says; the
+    // attempt is a warning from level 1 on.
+    for (int level : {0, 1}) {
+        gate.set_debug_level(level);
+        EXPECT_EQ(receive(*serial1, vostrelka::SERVICE_PROTO_ID, 0x01, 0xFF, device_config(0x0A000001)),
+                  level == 0 ? Lines{}
+                             : Lines{"WARNING: device_config does not replace configured MANet peer on iface 3: "
+                                     "0x0A000001" +
+                                     utm});
+    }
+    const auto& gateway = gate.manet_peer_table().at(0x0A000001);
+    ASSERT_EQ(gateway.size(), 1u);
+    EXPECT_EQ(gate.full_addr_s_manet(0x0A000001, gateway[0]), "0x0A000001 / 0x22 / 127.0.0.1:7000");
+    EXPECT_EQ(gate.manet_peer_table().size(), Gate::MAX_ANNOUNCED_LINKS + 1);
 }
 
 }  // namespace
