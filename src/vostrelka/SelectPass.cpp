@@ -15,9 +15,12 @@ constexpr int64_t NS_PER_US = 1000;
 }  // namespace
 
 SelectPass::SelectPass(EventLoopEntry* const* entries_, size_t count_) : entries(entries_), count(count_) {
+    FD_ZERO(&read_set);
+    FD_ZERO(&write_set);
+    FD_ZERO(&except_set);
     for (size_t i = 0; i < count; ++i) {
         EventLoopEntry* entry = entries[i];
-        sets.add(*entry);
+        entry->register_fd(&read_set, &write_set, &except_set);
         if (entry->timer_deadline != 0) {
             timer_entry = entry;
             deadline = entry->timer_deadline;
@@ -35,13 +38,17 @@ int SelectPass::wait(int64_t max_wait_us, const sigset_t* wait_mask) {
     timespec wait{};
     wait.tv_sec = static_cast<time_t>(wait_us / US_PER_S);
     wait.tv_nsec = static_cast<long>((wait_us % US_PER_S) * NS_PER_US);
-    return pselect(SELECT_FD_LIMIT, &sets.read_set, &sets.write_set, nullptr, &wait, wait_mask);
+    return pselect(SELECT_FD_LIMIT, &read_set, &write_set, nullptr, &wait, wait_mask);
 }
 
 void SelectPass::deliver() {
     for (size_t i = 0; i < count; ++i) {
-        const uint8_t events = sets.events_of(*entries[i]);
-        if (events != 0) entries[i]->on_event(events);
+        EventLoopEntry& entry = *entries[i];
+        uint8_t events = 0;
+        if (entry.is_fd_set(&write_set)) events |= EVENT_WRITABLE;
+        if (entry.is_fd_set(&read_set)) events |= EVENT_READABLE;
+        if (entry.is_fd_set(&except_set)) events |= EVENT_EXCEPTION;
+        if (events != 0) entry.on_event(events);
     }
 }
 

@@ -32,11 +32,15 @@ public:
     void deliver();
     // on_timer of the timer's entry once its deadline has come.
     void run_due_timer();
+    // Whether `entry` asked to be told when it can write.
+    bool watches_write(EventLoopEntry& entry) { return entry.is_fd_set(&write_set); }
 
 private:
     EventLoopEntry* const* entries;
     size_t count;
-    FdSets sets;
+    fd_set read_set;
+    fd_set write_set;
+    fd_set except_set;
     EventLoopEntry* timer_entry = nullptr;
     int64_t deadline = 0;
 };

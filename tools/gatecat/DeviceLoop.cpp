@@ -20,9 +20,8 @@ bool DeviceLoop::run_once(int64_t max_wait_us) {
 }
 
 bool DeviceLoop::wants_to_write() {
-    event_system::FdSets sets;
-    sets.add(entry);
-    return entry.is_fd_set(&sets.write_set);
+    event_system::EventLoopEntry* const entries[] = {&entry};
+    return event_system::SelectPass(entries, 1).watches_write(entry);
 }
 
 }  // namespace gatecat

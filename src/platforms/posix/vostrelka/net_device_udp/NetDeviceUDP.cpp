@@ -76,10 +76,6 @@ bool NetDeviceUDP::is_fd_set(fd_set* set) {
     return socket_fd >= 0 && FD_ISSET(socket_fd, set);
 }
 
-uint8_t NetDeviceUDP::ready_events(fd_set* read_set, fd_set* write_set, fd_set* except_set) {
-    return event_system::fd_ready_events(socket_fd, read_set, write_set, except_set);
-}
-
 void NetDeviceUDP::register_fd(fd_set* read_set, fd_set* /*write_set*/, fd_set* /*except_set*/) {
     if (socket_fd >= 0) FD_SET(socket_fd, read_set);
 }

@@ -48,7 +48,6 @@ public:
 
     bool is_fd_set(fd_set* set) override;
     void register_fd(fd_set* read_set, fd_set* write_set, fd_set* except_set) override;
-    uint8_t ready_events(fd_set* read_set, fd_set* write_set, fd_set* except_set) override;
     // Reads one datagram when readable. Sending never waits for the socket.
     void on_event(uint8_t events) override;
     int send_raw(const Frame& frame) override;
