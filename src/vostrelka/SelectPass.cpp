@@ -8,12 +8,6 @@
 namespace vostrelka {
 namespace event_system {
 
-namespace {
-constexpr int SELECT_FD_LIMIT = 1024;
-constexpr int64_t US_PER_S = 1000000;
-constexpr int64_t NS_PER_US = 1000;
-}  // namespace
-
 SelectPass::SelectPass(EventLoopEntry* const* entries_, size_t count_) : entries(entries_), count(count_) {
     FD_ZERO(&read_set);
     FD_ZERO(&write_set);
@@ -29,6 +23,11 @@ SelectPass::SelectPass(EventLoopEntry* const* entries_, size_t count_) : entries
 }
 
 int SelectPass::wait(int64_t max_wait_us, const sigset_t* wait_mask) {
+    // Every descriptor a process may select on, whatever the entries hold:
+    // the call is made the same way in every pass.
+    constexpr int SELECT_FD_LIMIT = 1024;
+    constexpr int64_t US_PER_S = 1000000;
+    constexpr int64_t NS_PER_US = 1000;
     int64_t wait_us = max_wait_us < 0 ? 0 : max_wait_us;
     // The clock is read only when a timer needs it.
     if (timer_entry != nullptr) {
@@ -60,23 +59,20 @@ void SelectPass::run_due_timer() {
 
 void log_select_error(int error) {
     constexpr const char* TAG = "EventProcessor";
-    switch (error) {
-        case EBADF:
-            debug_tagged(TAG, "ERROR: bad file descriptor!");
-            break;
-        case EINTR:
-            debug_tagged(TAG, "ERROR: unblocked signal!");
-            break;
-        case EINVAL:
-            debug_tagged(TAG, "ERROR: wrong argument!");
-            break;
-        case ENOMEM:
-            debug_tagged(TAG, "ERROR: no memory!");
-            break;
-        default:
-            debug_tagged(TAG, "ERROR: unexpected select error %d", error);
-            break;
+    constexpr struct {
+        int error;
+        const char* line;
+    } LINES[] = {{EBADF, "ERROR: bad file descriptor!"},
+                 {EINTR, "ERROR: unblocked signal!"},
+                 {EINVAL, "ERROR: wrong argument!"},
+                 {ENOMEM, "ERROR: no memory!"}};
+    for (const auto& known : LINES) {
+        if (known.error == error) {
+            debug_tagged(TAG, "%s", known.line);
+            return;
+        }
     }
+    debug_tagged(TAG, "ERROR: unexpected select error %d", error);
 }
 
 }  // namespace event_system
