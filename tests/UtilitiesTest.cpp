@@ -1,11 +1,43 @@
+// The framework's small utilities: time, containers, text.
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <vector>
 
+#include "vostrelka/ArrayList.h"
 #include "vostrelka/FNV.h"
+#include "vostrelka/RingBuffer.h"
+#include "vostrelka/Time.h"
 #include "vostrelka/string_util.h"
 
 using namespace vostrelka;
+
+TEST(DateTime, ConvertsUtcFieldsAndNormalisesOutOfRangeOnes) {
+    EXPECT_EQ(DateTime{}.to_us(), 0);
+    EXPECT_EQ((DateTime{250, 2024, 2, 29, 12, 30, 15}.to_us()), 1709209815LL * 1000000 + 250);
+    EXPECT_EQ((DateTime{-1, 2024, 13, 1, 0, 0, 0}.to_us()), 1735689600LL * 1000000 - 1);  // January of the next year
+}
+
+TEST(RingBuffer, PushIntoFullBufferOverwritesOldestAndOrderSurvivesTheWrap) {
+    int storage[4];
+    RingBuffer<int> ring(storage, 4);
+    for (int i = 1; i <= 5; i++) ring.push(i);
+    EXPECT_EQ(ring.size(), 4u);
+    EXPECT_EQ(ring.front(), 2);
+    EXPECT_EQ(ring.pop(), 2);
+    ring.push(6);
+    std::vector<int> rest;
+    while (!ring.empty()) rest.push_back(ring.pop());
+    EXPECT_EQ(rest, (std::vector<int>{3, 4, 5, 6}));
+}
+
+TEST(ArrayList, RemoveShiftsLaterElementsForwardAndIgnoresIndexPastTheEnd) {
+    ArrayListAlloc<int, 4> list;
+    for (int i : {0, 10, 20, 30}) list.push_back(i);
+    list.remove(1);
+    list.remove(3);
+    EXPECT_EQ(std::vector<int>(list.begin(), list.end()), (std::vector<int>{0, 20, 30}));
+}
 
 namespace {
 
