@@ -14,9 +14,11 @@
 #include <nlohmann/json.hpp>
 #include <type_traits>
 
+#include "ControlServer.h"
 #include "JsonNumber.h"
 #include "RFModemHandler.h"
 #include "vostrelka/HostPort.h"
+#include "vostrelka/Time.h"
 #include "vostrelka/debug.h"
 #include "vostrelka/net_device/net_device_parse.h"
 #include "vostrelka/net_device_udp/NetDeviceUDP.h"
@@ -59,6 +61,8 @@ std::optional<std::string> read_config_file(const std::string& path) {
     close(fd);
     return text;
 }
+constexpr const char* DEFAULT_CONTROL_MODE = "0660";
+constexpr unsigned long MAX_CONTROL_MODE = 07777;
 
 // `object[key]` as T; a missing key is a configuration error that ends the
 // program. Conversion errors are the JSON library's and are not caught; a
@@ -135,6 +139,7 @@ void Gate::add_handler(std::unique_ptr<RunnerHandler> handler) {
 }
 
 void Gate::start(const cxxopts::ParseResult& result) {
+    started_us = time_us();
     debug_level = result["debug"].as<int>();
     if (result.count("config") == 0) {
         debug("ERROR: mission --config argument");
@@ -161,6 +166,8 @@ void Gate::start(const cxxopts::ParseResult& result) {
         exit(1);
     }
 
+    if (!control_path.empty()) open_control();
+    if (notifier.init_from_environment()) notifier.ready();
     loop();
 }
 
@@ -184,6 +191,7 @@ bool Gate::parse_config(std::string&& text) {
         Interface* iface = find_interface(parse_json_value<unsigned int>(entry, "id"));
         if (iface != nullptr) parse_rfmodem_config(*iface, entry["rfmodem_config"]);
     }
+    if (root.contains("control")) parse_control(root["control"]);
     return true;
 }
 
@@ -210,7 +218,9 @@ bool Gate::parse_ifaces(json& entries) {
 
         const uint8_t type = entry.contains("type") && entry["type"] == "manet" ? MANET : LOCAL;
         // A 33rd interface: the caller reports the file as a whole.
-        if (add_interface(id, type, device) == nullptr) return false;
+        Interface* iface = add_interface(id, type, device);
+        if (iface == nullptr) return false;
+        iface->description = description;
     }
     return true;
 }
@@ -273,6 +283,19 @@ void Gate::parse_rfmodem_config(Interface& iface, const json& config) {
     add_handler(std::make_unique<RFModemHandler>(iface.net_device.get(), addr, power, channel));
     debug("RFModem on iface %i: addr=0x%08X channel=%i power=%.1f", static_cast<int>(iface.id), addr,
           static_cast<int>(channel), static_cast<double>(power));
+}
+
+void Gate::parse_control(const json& control) {
+    control_path = parse_json_value<std::string>(control, "path");
+    const std::string mode = control.contains("mode") ? control["mode"].get<std::string>() : DEFAULT_CONTROL_MODE;
+    char* end = nullptr;
+    const unsigned long value = std::strtoul(mode.c_str(), &end, 8);
+    if (mode.empty() || *end != '\0' || mode.find_first_not_of("01234567") != std::string::npos ||
+        value > MAX_CONTROL_MODE) {
+        debug("ERROR: control socket mode is not an octal file mode: %s", mode.c_str());
+        exit(1);
+    }
+    control_mode = static_cast<unsigned int>(value);
 }
 
 }  // namespace vostrelka

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "PeerTableLog.h"
+#include "SystemdNotifier.h"
 #include "vostrelka/Application.h"
 #include "vostrelka/ArrayList.h"
 #include "vostrelka/EventLoopEntry.h"
@@ -30,6 +31,7 @@
 
 namespace vostrelka {
 
+class ControlServer;
 class RunnerHandler;
 namespace manet {
 struct MAPacket;
@@ -53,9 +55,9 @@ public:
     static constexpr int64_t LINK_RETRY_WAIT_US = 1000000;
     static constexpr int64_t PEER_TIMEOUT_US = 10000000;
     static constexpr size_t MAX_INTERFACES = 32;
-    // Entries of the gateway's own (the resolver wake-up), beside the
-    // interfaces and never taking an interface's place. They have no timers,
-    // so they do not change which timer counts.
+    // Entries of the gateway's own (the resolver wake-up, the control
+    // socket), beside the interfaces and never taking an interface's place.
+    // They have no timers, so they do not change which timer counts.
     static constexpr size_t MAX_INTERNAL_ENTRIES = 4;
     static constexpr size_t MAX_EVENT_LOOP_ENTRIES = MAX_INTERFACES + MAX_INTERNAL_ENTRIES;
     // What traffic may add to the MANet table, in links. Past a cap a new
@@ -67,6 +69,7 @@ public:
         uint32_t id = 0;
         uint8_t type = LOCAL;  // LOCAL, MANET; anything else is inert
         std::shared_ptr<net_device::NetDevice> net_device;
+        std::string description;  // as configured: "udp://..."
 
         // `net_device` seen as a UDP device ("udp", "udpserial"), or null;
         // filled by add_interface() so that routing pays no cast per frame.
@@ -141,6 +144,10 @@ public:
                                   const std::optional<InetAddress>& inet_addr) const;
     std::string full_addr_s_manet(uint32_t manet_addr, const MANetPeer& peer) const;
 
+    // What the control socket answers (GateControl.cpp): JSON text, or
+    // nothing for an unknown request.
+    std::optional<std::string> answer_control_request(const std::string& request) const;
+
 private:
     bool parse_config(std::string&& text);
     bool parse_ifaces(json& ifaces);
@@ -159,6 +166,10 @@ private:
                              const std::optional<InetAddress>& from_inet);
     void handle_service_frame(const net_device::Frame& frame);
     void handle_device_config(const tessera::MessageInfo& info);
+    void parse_control(const json& control);
+    void open_control();
+    std::string stats_json() const;
+    std::string peers_json() const;
     Interfaces::iterator find_iface_by_ref(const net_device::NetDevice& device);
 
     // Bookkeeping of the MANet table beside the table itself (GatePeers.cpp).
@@ -204,6 +215,12 @@ private:
     bool announced_cap_reached = false;
     bool configuring = false;  // lines of the configuration are never held back
     PeerTableLog table_log;
+    int64_t started_us = 0;    // time_us()
+    std::string control_path;  // empty: no control socket
+    unsigned int control_mode = 0;
+    SystemdNotifier notifier;
+    // Holds the devices' tap pointers, so it goes before the interfaces.
+    std::unique_ptr<ControlServer> control;
 };
 
 }  // namespace vostrelka

@@ -21,6 +21,9 @@ void Gate::run_once(int64_t max_wait_us) {
     // A link that awaits reopening is retried about once a second, also
     // when nothing else happens.
     if (wait_us > LINK_RETRY_WAIT_US && link_awaits_reopening()) wait_us = LINK_RETRY_WAIT_US;
+    // Only with a watchdog: otherwise an idle gateway sleeps the full wait.
+    const int64_t keep_alive_us = notifier.keep_alive_period_us();
+    if (keep_alive_us != 0 && wait_us > keep_alive_us) wait_us = keep_alive_us;
     const int ready = pass.wait(wait_us);
     if (ready > 0) {
         pass.deliver();
@@ -32,6 +35,7 @@ void Gate::run_once(int64_t max_wait_us) {
     check_serial_port();
     // A flood of table changes that has stopped still gets its summary line.
     if (table_log.holding_back()) table_log.flush(time_us());
+    if (keep_alive_us != 0) notifier.keep_alive(time_us());
 
     // Nothing below needs the time when there is nothing to update or age,
     // and a clock read costs about as much as the rest of the pass's chores.

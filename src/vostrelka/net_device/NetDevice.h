@@ -4,6 +4,7 @@
 #include "vostrelka/EventLoopEntry.h"
 #include "vostrelka/net_device/DeviceCounters.h"
 #include "vostrelka/net_device/Frame.h"
+#include "vostrelka/net_device/FrameTapI.h"
 #include "vostrelka/net_device/NetDeviceMessageHandlerI.h"
 
 namespace vostrelka {
@@ -26,6 +27,8 @@ public:
     void count_unroutable() { counts.drops.unroutable++; }
 
     void set_handler(NetDeviceMessageHandlerI* handler_) { handler = handler_; }
+    // Null when nobody watches the device's frames.
+    void set_tap(FrameTapI* tap_) { tap = tap_; }
 
     // The device's own local address; 0xFF accepts every destination.
     uint8_t address;
@@ -35,12 +38,19 @@ protected:
     // Destination filter, then the handler if one is set.
     void deliver(const Frame& frame) {
         counts.frames_in++;
+        if (tap != nullptr) tap->on_tapped_frame(*this, frame, FrameDirection::IN);
         if (handler != nullptr && accepts_destination(address, frame.dst)) handler->on_frame(*this, frame);
     }
     // A frame accepted for sending (sent, or queued behind others).
-    void count_sent(const Frame& /*frame*/) { counts.frames_out++; }
+    void count_sent(const Frame& frame) {
+        counts.frames_out++;
+        if (tap != nullptr) tap->on_tapped_frame(*this, frame, FrameDirection::OUT);
+    }
 
     DeviceCounters counts;
+
+private:
+    FrameTapI* tap = nullptr;
 };
 
 }  // namespace net_device

@@ -1,0 +1,144 @@
+// What the gateway tells about itself: the control socket's "stats" and
+// "peers" answers, and the service manager's readiness. Read-only: nothing
+// here changes a table.
+#include <cmath>
+#include <cstdio>
+#include <nlohmann/json.hpp>
+
+#include "ControlServer.h"
+#include "Gate.h"
+#include "vostrelka/Time.h"
+#include "vostrelka/debug.h"
+#include "vostrelka/version.h"
+
+namespace vostrelka {
+
+namespace {
+
+// Keys in the order they are written, which is the order readers see.
+using ordered_json = nlohmann::ordered_json;
+
+// Seconds to the millisecond, which is what a reader wants of an age.
+double seconds(int64_t us) {
+    return std::round(static_cast<double>(us) / 1000.0) / 1000.0;
+}
+
+std::string hex_text(unsigned int value, int digits) {
+    char text[16];
+    std::snprintf(text, sizeof text, "0x%0*X", digits, value);
+    return text;
+}
+
+// "udp://127.0.0.1:7000/..." is of kind "udp".
+std::string kind_of(const std::string& description) {
+    const size_t end = description.find("://");
+    return end == std::string::npos ? description : description.substr(0, end);
+}
+
+ordered_json decode_errors(const net_device::DeviceCounters& counters) {
+    ordered_json errors = ordered_json::object();
+    if (counters.decode_kind == net_device::DecodeErrorKind::SERIAL) {
+        const net_device::SerialEncoderErrorStats& serial = counters.serial;
+        errors = {{"crc", serial.crc_errors},
+                  {"short", serial.short_messages},
+                  {"escape", serial.escape_errors},
+                  {"rx_overflow", serial.rx_overflows},
+                  {"encode", serial.encode_errors}};
+    } else if (counters.decode_kind == net_device::DecodeErrorKind::CAN) {
+        const net_device::CanDeviceStats& can = counters.can;
+        errors = {{"crc", can.crc_errors},
+                  {"duplicate_seq", can.duplicate_seq},
+                  {"rx_overflow", can.rx_overflows},
+                  {"receivers_overwritten", can.receivers_overwritten},
+                  {"receivers_stalled", can.receivers_stalled},
+                  {"tx_queue_full", can.tx_queue_full}};
+    }
+    return errors;
+}
+
+ordered_json inet_text(const std::optional<InetAddress>& inet_addr) {
+    return inet_addr ? ordered_json(inet_addr->to_s()) : ordered_json(nullptr);
+}
+
+const char* origin_text(Gate::Origin origin) {
+    switch (origin) {
+        case Gate::Origin::CONFIGURED:
+            return "configured";
+        case Gate::Origin::ANNOUNCED:
+            return "announced";
+        case Gate::Origin::LEARNED:
+            break;
+    }
+    return "learned";
+}
+
+}  // namespace
+
+void Gate::open_control() {
+    std::vector<ControlServer::TappedDevice> devices;
+    for (auto& [id, iface] : ifaces) devices.push_back({iface.net_device.get(), id});
+    control = std::make_unique<ControlServer>(
+        [this](const std::string& request) { return answer_control_request(request); }, std::move(devices));
+    std::string error;
+    if (!control->open(control_path, control_mode, error)) {
+        debug("ERROR: control socket %s: %s", control_path.c_str(), error.c_str());
+        exit(1);
+    }
+    event_loop_entries.push_back(control.get());
+}
+
+std::optional<std::string> Gate::answer_control_request(const std::string& request) const {
+    if (request == "stats") return stats_json();
+    if (request == "peers") return peers_json();
+    return std::nullopt;
+}
+
+std::string Gate::stats_json() const {
+    ordered_json interfaces = ordered_json::array();
+    for (const auto& [id, iface] : ifaces) {
+        const net_device::DeviceCounters counters = iface.net_device->counters();
+        interfaces.push_back({{"id", id},
+                              {"description", iface.description},
+                              {"kind", kind_of(iface.description)},
+                              {"frames_in", counters.frames_in},
+                              {"bytes_in", counters.bytes_in},
+                              {"frames_out", counters.frames_out},
+                              {"bytes_out", counters.bytes_out},
+                              {"decode_errors", decode_errors(counters)},
+                              {"drops",
+                               {{"unroutable", counters.drops.unroutable},
+                                {"queue_full", counters.drops.queue_full},
+                                {"truncated", counters.drops.truncated},
+                                {"send_error", counters.drops.send_error}}}});
+    }
+    const ordered_json stats = {{"uptime_s", seconds(time_us() - started_us)},
+                                {"version", version::SOFTWARE},
+                                {"interfaces", std::move(interfaces)}};
+    return stats.dump();
+}
+
+std::string Gate::peers_json() const {
+    ordered_json local = ordered_json::array();
+    for (const auto& [addr, peer] : local_peers) {
+        local.push_back({{"addr", hex_text(addr, 2)}, {"iface", peer.iface->id}, {"inet", inet_text(peer.inet_addr)}});
+    }
+    const int64_t now = time_us();
+    ordered_json links = ordered_json::array();
+    for (const auto& [manet_addr, gateway_links] : manet_peers) {
+        for (const MANetPeer& link : gateway_links) {
+            const char* state = !link.resolver ? "none" : link.inet_addr ? "resolved" : "pending";
+            links.push_back({{"manet_addr", hex_text(manet_addr, 8)},
+                             {"iface", link.iface->id},
+                             {"local_addr", hex_text(link.local_addr, 2)},
+                             {"inet", inet_text(link.inet_addr)},
+                             {"resolver", link.resolver ? ordered_json(link.resolver->to_s()) : ordered_json(nullptr)},
+                             {"resolver_state", state},
+                             {"age_s", seconds(now - static_cast<int64_t>(link.last_seen))},
+                             {"origin", origin_text(link.origin)}});
+        }
+    }
+    const ordered_json peers = {{"local_peers", std::move(local)}, {"manet_links", std::move(links)}};
+    return peers.dump();
+}
+
+}  // namespace vostrelka
