@@ -195,14 +195,45 @@ bool Gate::parse_config(std::string&& text) {
     return true;
 }
 
+namespace {
+
+// The address a "udp" or "udpserial" description listens on, when it names
+// a port: port 0 (any free port) is never the same as another.
+std::optional<InetAddress> fixed_listen_address(net_device::NetDeviceFactory& factory, const std::string& description) {
+    net_device::NetDeviceFactory::InterfaceDescription parsed;
+    if (factory.parse_interface_desc(description + "/255", parsed) != 0) return std::nullopt;
+    if ((parsed.type != "udp" && parsed.type != "udpserial") || parsed.params.size() < 2) return std::nullopt;
+    const char* port_text = parsed.params[1].c_str();
+    char* end = nullptr;
+    // Cut to 16 bits as the factory does; text that is no number is the factory's to report.
+    const auto port = static_cast<uint16_t>(std::strtoul(port_text, &end, 10));
+    if (end == port_text || port == 0) return std::nullopt;
+    return InetAddress::from(parsed.params[0], port);
+}
+
+}  // namespace
+
 bool Gate::parse_ifaces(json& entries) {
     if (!entries.is_array()) {
         debug("ERROR: \"ifaces\" node is not an array");
         return false;
     }
+    // Two sockets of ours on one address would split its senders between
+    // them without a word.
+    std::vector<sockaddr_in> listen_addresses;
     for (const json& entry : entries) {
         const auto description = parse_json_value<std::string>(entry, "iface");
         const auto id = parse_json_value<unsigned int>(entry, "id");
+
+        if (const std::optional<InetAddress> listen = fixed_listen_address(factory, description)) {
+            for (const sockaddr_in& other : listen_addresses) {
+                if (other.sin_addr.s_addr == listen->addr.sin_addr.s_addr && other.sin_port == listen->addr.sin_port) {
+                    debug("ERROR: local address %s is configured on two interfaces", listen->to_s().c_str());
+                    exit(1);
+                }
+            }
+            listen_addresses.push_back(listen->addr);
+        }
 
         // Made before the id is checked, so a bad description is reported
         // even on an entry with a duplicate id.

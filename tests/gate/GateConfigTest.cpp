@@ -9,6 +9,7 @@
 #include "support/GateProcess.h"
 #include "support/PtyPair.h"
 #include "support/TempDir.h"
+#include "support/UdpEndpoint.h"
 #include "vostrelka/version.h"
 
 using test_support::GateProcess;
@@ -95,6 +96,8 @@ TEST(GateConfig, EveryFileEndsWithItsStatusAndLines) {
     const std::string local_peer = R"(, "local_peers": [{"iface_id": 1, "netdev_addr": "5")";
     const std::string manet_link = R"({"iface_id": 1, "netdev_addr": "5", "manet_addr": "7")";
     const std::string manet_udp = UDP + R"(1, "type": "manet"})";
+    const std::string taken_port = std::to_string(test_support::free_udp_port());
+    const std::string taken = R"({"iface": "udp://127.0.0.1:)" + taken_port + R"(")";
     const Cases errors = {
         // the last lines of the log
         {R"({"local_peers": []})", {"ERROR: missing \"ifaces\" entry in config file", "ERROR: parse config file"}},
@@ -103,6 +106,9 @@ TEST(GateConfig, EveryFileEndsWithItsStatusAndLines) {
         {config(R"({"iface": "udp://127.0.0.1:0"})"), {"ERROR: missing \"id\" field"}},
         {config(R"({"iface": "tcp://a:1", "id": 1})"), {"ERROR: parse \"iface\" field: tcp://a:1"}},
         {config(UDP + "4}, " + UDP + "4}"), {"ERROR: duplicate device id 4", "ERROR: parse config file"}},
+        // One fixed local address on two interfaces, whatever their types; port 0 above is no such case.
+        {config(taken + R"(, "id": 1}, )" + R"({"iface": "udpserial://127.0.0.1:)" + taken_port + R"(", "id": 2})"),
+         {"ERROR: local address 127.0.0.1:" + taken_port + " is configured on two interfaces"}},
         // The device is made before its id is checked.
         {config(UDP + R"(4}, {"iface": "udp://", "id": 4})"), {"ERROR: parse \"iface\" field: udp://"}},
         {config(manet_udp + ", " + UDP + R"(2, "type": "manet"})"), {"ERROR: only one MANET interface is supported"}},

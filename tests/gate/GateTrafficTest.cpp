@@ -50,8 +50,7 @@ TEST_F(GateTrafficTest, FramesCrossBetweenEveryPairOfLinksAndBroadcastsReachEver
     Link udp_too{udp.gate_port, false};
     const std::vector<std::tuple<Link*, uint8_t, std::string>> devices = {
         {&udp, 0x0A, "add local peer on iface 1: 0x0A / " + udp.udp.address()},
-        // A "udpserial" device keeps the sender's socket address but not its text.
-        {&udpserial, 0x0B, "add local peer on iface 2: 0x0B / :"},
+        {&udpserial, 0x0B, "add local peer on iface 2: 0x0B / " + udpserial.udp.address()},
         {&serial, 0x0C, "add local peer on iface 3: 0x0C"},
         {&serial, 0x0E, "add local peer on iface 3: 0x0E"},
         // Behind the same socket as 0x0A, told apart by its socket address.

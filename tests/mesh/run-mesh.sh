@@ -199,8 +199,7 @@ scenario_unreachable() {
     local a1=0x0A000011 c2=0x0A000032 heard
     deliver c2 a1 02 00 0A0A
     heard=$SENT
-    # A "udpserial" device keeps the sender's socket address but not its text.
-    expect_line gate-c "add MANet peer on iface 3: $c2 / 0x32 / :"
+    expect_line gate-c "add MANet peer on iface 3: $c2 / 0x32 / 127.0.0.2:7003"
     ipn c link set eth0 down || fail "cannot take c's link down"
     send_manet a1 c2 01 00 0C0C
     expect_line gate-a "forw MANet packet to iface 1: $a1 / 0x11 / 127.0.0.2:7002 -> $c2 / 0x03 / 10.77.0.3:$MANET_PORT"
@@ -213,7 +212,7 @@ scenario_unreachable() {
     ipn c link set eth0 up || fail "cannot bring c's link back"
     deliver c2 a1 02 01 0A0B
     deliver a1 c2 01 01 0C0D
-    expect_line gate-c "forw MANet packet to iface 3: $a1 / 0x11 / 10.77.0.1:$MANET_PORT -> $c2 / 0x32 / :"
+    expect_line gate-c "forw MANet packet to iface 3: $a1 / 0x11 / 10.77.0.1:$MANET_PORT -> $c2 / 0x32 / 127.0.0.2:7003"
     expect_alive a b c
 }
 
@@ -245,7 +244,7 @@ scenario_broadcast() {
     expect_frame a2 "$frame"
     expect_frame a3 "$frame"
     expect_times 0 "$frame" a1 b1 b2 b3 c1 c2 c3 utm
-    expect_line gate-a "forw frame to iface 3: 0x11 -> 0xFF / :, proto_id 7"
+    expect_line gate-a "forw frame to iface 3: 0x11 -> 0xFF / 127.0.0.2:7003, proto_id 7"
     expect_line gate-a "forw frame to iface 4: 0x11 -> 0xFF, proto_id 7"
     (($(count_matches gate-a "^forw frame to iface [0-9]*: 0x11 -> 0xFF") == 2)) || fail "a forwarded the broadcast more than twice"
     expect_no_match gate-b "proto_id 7$"

@@ -120,3 +120,45 @@ TEST(NetDeviceUDPSerial, DecodesFramesSplitAcrossOrPackedIntoDatagramsUpTo2040By
     EXPECT_EQ(link.device.counters().serial.rx_overflows, 1u);
     EXPECT_EQ(link.device.get_sender_inet_addr().addr.sin_port, htons(other.port()));
 }
+
+// A datagram longer than the receive buffer (2051 bytes on "udp", 4099 on
+// "udpserial") is never cut and delivered: it is counted and dropped whole,
+// with a summary line at most once per period whoever sends them. The next
+// datagram that fits goes through, and the sender's text is current.
+TEST(NetDeviceUDP, DatagramsLongerThanTheBufferAreDroppedAndSummarisedNotCut) {
+    Link<NetDeviceUDP> udp;
+    Link<NetDeviceUDPSerial> udpserial;
+    const std::string from = udp.peer.address();
+    Bytes fits(2051, 0x42), too_long(2052, 0x42);
+    fits[0] = 7, fits[1] = 1, fits[2] = 2, too_long[0] = 7, too_long[1] = 1, too_long[2] = 2;
+    EXPECT_EQ(output_of([&] {
+                  udp.feed({too_long, too_long, fits});
+              }),
+              "WARNING: dropped 1 datagram(s) longer than the 2051-byte receive buffer, the last of 2052 bytes from " +
+                  from + "\n");
+    EXPECT_EQ(udp.handler.frames, (Frames{{7, 1, 2, Bytes(2048, 0x42)}}));
+    EXPECT_EQ(udp.device.counters().drops.truncated, 2u);
+
+    const Bytes framed = to_serial_bytes({8, 1, 2, SMALL_PAYLOAD});
+    Bytes stream(4100, 0x42);
+    std::copy(framed.begin(), framed.end(), stream.begin());
+    EXPECT_EQ(output_of([&] {
+                  udpserial.feed({stream, SMALL_WIRE});
+              }),
+              "WARNING: dropped 1 datagram(s) longer than the 4099-byte receive buffer, the last of 4100 bytes from " +
+                  udpserial.peer.address() + "\n");
+    EXPECT_EQ(udpserial.handler.frames, (Frames{{8, 1, 2, SMALL_PAYLOAD}}));
+    EXPECT_EQ(udpserial.device.counters().drops.truncated, 1u);
+    EXPECT_EQ(udpserial.device.get_sender_inet_addr().to_s(), udpserial.peer.address());
+}
+
+// Our own sockets share an address by design (SO_REUSEPORT); a socket that
+// was there first, ours or anyone's, is named once. Port 0 never is.
+TEST(NetDeviceUDP, BindingAnAddressAnotherSocketHoldsSaysSoOnceAndStillBinds) {
+    const std::string address = "127.0.0.1:" + std::to_string(free_udp_port());
+    NetDeviceUDP first(2048, 2), second(2048, 2), any_port(2048, 2);
+    EXPECT_EQ(output_of([&] { EXPECT_TRUE(first.create_socket(inet(address))); }), "");
+    EXPECT_EQ(output_of([&] { EXPECT_TRUE(second.create_socket(inet(address))); }),
+              "WARNING: " + address + " is already bound by another socket; the two will share its datagrams\n");
+    EXPECT_EQ(output_of([&] { EXPECT_TRUE(any_port.create_socket(inet("127.0.0.1:0"))); }), "");
+}

@@ -9,10 +9,27 @@
 #include <cerrno>
 #include <cstring>
 
+#include "vostrelka/Time.h"
 #include "vostrelka/debug.h"
 
 namespace vostrelka {
 namespace net_device {
+
+namespace {
+
+// Whether another socket holds `address` already. Ours share it through
+// SO_REUSEPORT by design; a probe without it is refused when anyone holds
+// it. Port 0 takes a free port and is never held.
+bool address_taken(const InetAddress& address) {
+    if (address.port == 0) return false;
+    const int probe = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP);
+    if (probe < 0) return false;
+    const bool taken = ::bind(probe, address.sockaddr(), sizeof(sockaddr_in)) < 0 && errno == EADDRINUSE;
+    ::close(probe);
+    return taken;
+}
+
+}  // namespace
 
 NetDeviceUDP::NetDeviceUDP(unsigned long buffer_size, unsigned char address_)
     : NetDevice(address_),
@@ -53,12 +70,18 @@ bool NetDeviceUDP::create_socket(const InetAddress& bind_address) {
     if (::fcntl(socket_fd, F_SETFL, flags | O_NONBLOCK) < 0) {
         return fail("NetDeviceUDP: ERROR setting socket non-blocking mode: ");
     }
+    // Asked before our own socket holds it too; said only once we share it.
+    const bool taken = address_taken(bind_address);
     if (::bind(socket_fd, bind_address.sockaddr(), sizeof(sockaddr_in)) < 0) {
         const int error = errno;
         ::close(socket_fd);
         socket_fd = -1;
         debug("NetDeviceUDP: ERROR binding to %s: %s", bind_address.to_s().c_str(), std::strerror(error));
         return false;
+    }
+    if (taken) {
+        debug("WARNING: %s is already bound by another socket; the two will share its datagrams",
+              bind_address.to_s().c_str());
     }
     return true;
 }
@@ -116,29 +139,21 @@ bool NetDeviceUDP::count_datagram_sent(const Frame& frame, ssize_t sent) {
 void NetDeviceUDP::do_read() {
     sockaddr_in sender{};
     socklen_t sender_size = sizeof(sender);
-    const ssize_t received = ::recvfrom(socket_fd, rx_buffer.data, rx_buffer.capacity, 0,
+    const ssize_t received = ::recvfrom(socket_fd, rx_buffer.data, rx_buffer.capacity, MSG_TRUNC,
                                         reinterpret_cast<::sockaddr*>(&sender), &sender_size);
     const int error = received < 0 ? errno : 0;
     if (received > 0) counts.bytes_in += static_cast<uint64_t>(received);
 
     // Taken even from a failed read, whose sender is all zero and so gets
-    // logged. The text depends on nothing but the 16 address bytes, so the
-    // sender of the previous datagram needs no second conversion: that
-    // conversion costs more than the rest of the read.
-    const bool same_sender =
-        sender.sin_family == AF_INET && std::memcmp(&sender, &sender_address->addr, sizeof(sender)) == 0;
-    if (same_sender) {
-        // sender_address already holds exactly this conversion.
-    } else if (auto from = InetAddress::from(*reinterpret_cast<::sockaddr*>(&sender))) {
-        *sender_address = std::move(*from);
-    } else {
-        debug("Failed to get Inet Address from sockaddr");
-    }
+    // logged.
+    take_sender(sender);
 
-    // Deliberate and kept: a datagram of header only is dropped, so an empty
-    // payload cannot be received here although send_raw sends one.
-    if (received > static_cast<ssize_t>(HEADER_SIZE)) {
-        if (static_cast<uint64_t>(received) <= rx_buffer.capacity) rx_buffer.size = static_cast<uint64_t>(received);
+    if (received > static_cast<ssize_t>(rx_buffer.capacity)) {
+        drop_truncated(received);
+    } else if (received > static_cast<ssize_t>(HEADER_SIZE)) {
+        // Deliberate and kept: a datagram of header only is dropped, so an
+        // empty payload cannot be received here although send_raw sends one.
+        rx_buffer.size = static_cast<uint64_t>(received);
         Frame frame;
         frame.proto_id = rx_buffer[0];
         frame.src = rx_buffer[1];
@@ -148,6 +163,31 @@ void NetDeviceUDP::do_read() {
     } else if (received < 0 && error != EAGAIN) {
         debug("NetDeviceUDP: read failed with error %d", error);
     }
+}
+
+// The text depends on nothing but the 16 address bytes, so the sender of
+// the previous datagram needs no second conversion: that conversion costs
+// more than the rest of the read.
+void NetDeviceUDP::take_sender(const sockaddr_in& sender) {
+    if (sender.sin_family == AF_INET && std::memcmp(&sender, &sender_address->addr, sizeof(sender)) == 0) return;
+    sockaddr_in copy = sender;
+    if (auto from = InetAddress::from(*reinterpret_cast<::sockaddr*>(&copy))) {
+        *sender_address = std::move(*from);
+    } else {
+        debug("Failed to get Inet Address from sockaddr");
+    }
+}
+
+void NetDeviceUDP::drop_truncated(ssize_t length) {
+    counts.drops.truncated++;
+    truncated_since_warning++;
+    const int64_t now = time_us();
+    if (now < next_truncation_warning_us) return;
+    next_truncation_warning_us = now + TRUNCATION_WARNING_PERIOD_US;
+    debug("WARNING: dropped %lu datagram(s) longer than the %lu-byte receive buffer, the last of %ld bytes from %s",
+          static_cast<unsigned long>(truncated_since_warning), static_cast<unsigned long>(rx_buffer.capacity),
+          static_cast<long>(length), sender_address->to_s().c_str());
+    truncated_since_warning = 0;
 }
 
 }  // namespace net_device

@@ -54,7 +54,19 @@ public:
     // Reads one datagram and delivers the frames it carries.
     virtual void do_read();
 
+    // At most one warning about datagrams too long to take per this period.
+    static constexpr int64_t TRUNCATION_WARNING_PERIOD_US = 10000000;
+
 protected:
+    // The sender of the datagram just read becomes the sender address; its
+    // text is made only for a sender other than the last one.
+    void take_sender(const sockaddr_in& sender);
+    // The one place a datagram longer than the receive buffer (`length`, as
+    // MSG_TRUNC reports it) goes: counted and dropped, never cut and
+    // delivered. A remote sender can send one after the other, so the
+    // warning is a summary, at most one per TRUNCATION_WARNING_PERIOD_US.
+    void drop_truncated(ssize_t length);
+
     // Counts the datagram of `frame` just given to sendto(), which returned
     // `sent`: true when all of tx_buffer went.
     bool count_datagram_sent(const Frame& frame, ssize_t sent);
@@ -66,6 +78,8 @@ protected:
     Slice<unsigned char> rx_buffer;
     InetAddress destination_address;
     std::optional<InetAddress> sender_address{std::in_place};
+    int64_t next_truncation_warning_us = 0;
+    uint64_t truncated_since_warning = 0;
 };
 
 }  // namespace net_device

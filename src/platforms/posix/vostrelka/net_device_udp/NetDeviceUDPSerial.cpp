@@ -44,15 +44,20 @@ int NetDeviceUDPSerial::send_raw(const Frame& frame) {
     return -1;
 }
 
+// A datagram too long for the buffer is dropped whole: fed in part, it
+// would leave the decoder in the middle of a frame whose rest never comes.
 void NetDeviceUDPSerial::do_read() {
-    // The sender's socket address is written in place; its host and port
-    // text keep whatever they held before.
-    socklen_t sender_size = sizeof(sockaddr_in);
-    const ssize_t received =
-        ::recvfrom(socket_fd, rx_buffer.data, rx_buffer.capacity, 0, sender_address->sockaddr(), &sender_size);
-    if (received >= 1) {
+    sockaddr_in sender{};
+    socklen_t sender_size = sizeof(sender);
+    const ssize_t received = ::recvfrom(socket_fd, rx_buffer.data, rx_buffer.capacity, MSG_TRUNC,
+                                        reinterpret_cast<::sockaddr*>(&sender), &sender_size);
+    if (received >= 0) take_sender(sender);
+    if (received > static_cast<ssize_t>(rx_buffer.capacity)) {
         counts.bytes_in += static_cast<uint64_t>(received);
-        if (static_cast<uint64_t>(received) <= rx_buffer.capacity) rx_buffer.size = static_cast<uint64_t>(received);
+        drop_truncated(received);
+    } else if (received >= 1) {
+        counts.bytes_in += static_cast<uint64_t>(received);
+        rx_buffer.size = static_cast<uint64_t>(received);
         encoder.decode(ConstSlice<unsigned char>(rx_buffer), counts.serial);
     } else if (received < 0 && errno != EAGAIN) {
         debug_tagged(LOG_TAG, "ERROR: read failed with error %d", errno);
