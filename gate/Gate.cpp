@@ -21,6 +21,7 @@
 #include "vostrelka/Time.h"
 #include "vostrelka/debug.h"
 #include "vostrelka/net_device/net_device_parse.h"
+#include "vostrelka/net_device_can/NetDeviceCan.h"
 #include "vostrelka/net_device_udp/NetDeviceUDP.h"
 
 namespace vostrelka {
@@ -120,6 +121,7 @@ Gate::Interface* Gate::add_interface(uint32_t id, uint8_t type, std::shared_ptr<
     iface.id = id;
     iface.type = type;
     iface.udp = dynamic_cast<net_device::NetDeviceUDP*>(device.get());
+    if (auto* can = dynamic_cast<net_device::NetDeviceCan*>(device.get())) can_links.push_back(can);
     iface.net_device = std::move(device);
     iface.net_device->set_handler(this);
     return &iface;

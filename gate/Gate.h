@@ -37,8 +37,9 @@ namespace manet {
 struct MAPacket;
 }
 namespace net_device {
+class NetDeviceCan;
 class NetDeviceUDP;
-}
+}  // namespace net_device
 namespace tessera {
 struct MessageInfo;
 }
@@ -156,6 +157,8 @@ private:
     void parse_rfmodem_config(Interface& iface, const json& config);
 
     void check_serial_port();
+    // Lost CAN links try to reopen, at most once per LINK_RETRY_WAIT_US.
+    void check_can_links();
     // Some link was lost and waits to be reopened.
     bool link_awaits_reopening();
 
@@ -193,6 +196,9 @@ private:
     // peers (and their resolvers), local peers, interfaces, the factory.
     int32_t debug_level = 0;
     net_device::NetDeviceFactory factory;
+    // The CAN devices among the interfaces, for check_can_links().
+    std::vector<net_device::NetDeviceCan*> can_links;
+    int64_t next_can_retry_us = 0;
     ArrayListAlloc<event_system::EventLoopEntry*, MAX_EVENT_LOOP_ENTRIES> event_loop_entries;
     // A finished lookup wakes the loop and its answer is taken at once.
     ResolverWakeUp resolver_wake_up{[this] { collect_resolutions(); }};

@@ -8,6 +8,7 @@
 #include "vostrelka/SerialLine.h"
 #include "vostrelka/Time.h"
 #include "vostrelka/debug.h"
+#include "vostrelka/net_device_can/NetDeviceCan.h"
 
 namespace vostrelka {
 
@@ -33,6 +34,7 @@ void Gate::run_once(int64_t max_wait_us) {
     pass.run_due_timer();
 
     check_serial_port();
+    check_can_links();
     // A flood of table changes that has stopped still gets its summary line.
     if (table_log.holding_back()) table_log.flush(time_us());
     if (keep_alive_us != 0) notifier.keep_alive(time_us());
@@ -56,9 +58,24 @@ void Gate::check_serial_port() {
     for (auto& line : factory.serial_ports()) line->supervise(now);
 }
 
+void Gate::check_can_links() {
+    if (can_links.empty()) return;
+    int64_t now = 0;
+    for (net_device::NetDeviceCan* can : can_links) {
+        if (!can->link_lost()) continue;
+        if (now == 0) now = time_us();
+        if (now < next_can_retry_us) return;
+        can->reopen();
+    }
+    if (now != 0) next_can_retry_us = now + LINK_RETRY_WAIT_US;
+}
+
 bool Gate::link_awaits_reopening() {
     for (const auto& line : factory.serial_ports()) {
         if (line->awaiting_reopen()) return true;
+    }
+    for (const net_device::NetDeviceCan* can : can_links) {
+        if (can->link_lost()) return true;
     }
     return false;
 }

@@ -8,7 +8,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cassert>
 #include <cerrno>
 #include <cstring>
 
@@ -72,7 +71,38 @@ int NetDeviceCan::open() {
         debug("ERROR: creating CAN socket: %d", errno);
         return -1;
     }
+    ifindex = bound_index();
     return 0;
+}
+
+int NetDeviceCan::bound_index() const {
+    sockaddr_can addr{};
+    socklen_t size = sizeof(addr);
+    if (getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &size) != 0) return 0;
+    return addr.can_ifindex;
+}
+
+bool NetDeviceCan::reopen() {
+    if (!lost) return true;
+    fd = create_can_socket(ifname.c_str());
+    if (fd < 0) return false;
+    ifindex = bound_index();
+    lost = false;
+    debug("CAN interface %s is back", ifname.c_str());
+    return true;
+}
+
+// ENETDOWN comes both when the interface is taken down (the socket stays
+// bound and hears it again once it is up) and on its way to deletion;
+// ENODEV and ENXIO only once it is gone. Its index tells which.
+bool NetDeviceCan::lose_link_if_gone(int error) {
+    if (error != ENODEV && error != ENETDOWN && error != ENXIO) return false;
+    const unsigned int index_now = if_nametoindex(ifname.c_str());
+    if (index_now != 0 && static_cast<int>(index_now) == ifindex) return false;
+    debug("CAN interface %s lost", ifname.c_str());
+    close();
+    lost = true;
+    return true;
 }
 
 void NetDeviceCan::close() {
@@ -85,16 +115,16 @@ bool NetDeviceCan::is_fd_set(fd_set* set) {
     return fd >= 0 && FD_ISSET(fd, set);
 }
 
+// A lost link has no socket and waits for reopen(); it registers nothing.
 void NetDeviceCan::register_fd(fd_set* read_set, fd_set* write_set, fd_set* /*except_set*/) {
-    assert(fd >= 0);
+    if (fd < 0) return;
     FD_SET(fd, read_set);
     if (has_queued_frames()) FD_SET(fd, write_set);
 }
 
 void NetDeviceCan::on_event(uint8_t events) {
-    assert(fd >= 0);
     if (events & event_system::EVENT_READABLE) do_read();
-    if (events & event_system::EVENT_WRITABLE) do_write();
+    if (fd >= 0 && (events & event_system::EVENT_WRITABLE)) do_write();
 }
 
 int NetDeviceCan::apply_filters(const Slice<CanAcceptanceFilter>& filters) {
@@ -114,7 +144,7 @@ int NetDeviceCan::apply_filters(const Slice<CanAcceptanceFilter>& filters) {
 // queued when the socket would not take it (false). A full device queue
 // (ENOBUFS) is normal under load and is retried on the next writable event.
 bool NetDeviceCan::do_write_from_buffer(RingBuffer<CanFrame>& queue) {
-    assert(fd >= 0);
+    if (fd < 0) return false;  // lost: frames wait in the queue for the link
     while (!queue.empty()) {
         const can_frame frame = to_socketcan_frame(queue.front());
         const ssize_t written = write(fd, &frame, sizeof(frame));
@@ -124,6 +154,7 @@ bool NetDeviceCan::do_write_from_buffer(RingBuffer<CanFrame>& queue) {
             continue;
         }
         if (written < 0 && errno == ENOBUFS) return false;
+        if (written < 0 && lose_link_if_gone(errno)) return false;
         debug("ERROR: while writing to CAN socket: %u", static_cast<unsigned>(errno));
         return false;
     }
@@ -131,10 +162,11 @@ bool NetDeviceCan::do_write_from_buffer(RingBuffer<CanFrame>& queue) {
 }
 
 void NetDeviceCan::do_read() {
-    assert(fd >= 0);
+    if (fd < 0) return;
     can_frame frame;
     for (;;) {
         const ssize_t got = read(fd, &frame, sizeof(frame));
+        if (got < 0 && errno != EAGAIN) lose_link_if_gone(errno);
         if (got < 1) return;
         if (got != static_cast<ssize_t>(sizeof(frame))) continue;
         if (frame.can_id & CAN_ERR_FLAG) {

@@ -22,6 +22,14 @@ public:
     // 0, or -1 after printing why the socket could not be made.
     int open();
     void close();
+
+    // A deleted interface (a USB adapter pulled: it comes back with a new
+    // index) leaves the socket bound to nothing, deaf for good; it is closed
+    // with one line. An interface only taken down keeps its socket.
+    bool link_lost() const { return lost; }
+    // One quiet try to open a lost link again by its name; true, after one
+    // line, when it is back.
+    bool reopen();
     // A bound, non-blocking raw socket on `ifname`, or -1 (errno tells why).
     static int create_can_socket(const char* ifname);
 
@@ -42,7 +50,15 @@ public:
     const std::string& get_ifname() const { return ifname; }
 
 private:
+    // After a read or write failed with `error`: whether the interface is
+    // gone, in which case the link is now lost.
+    bool lose_link_if_gone(int error);
+    // The index the socket is bound to, 0 when unknown.
+    int bound_index() const;
+
     int fd = -1;
+    int ifindex = 0;
+    bool lost = false;
     std::string ifname;
 };
 
