@@ -3,7 +3,8 @@
 #   make test      build and run every test
 #   make sanitize  the same under AddressSanitizer + UndefinedBehaviorSanitizer
 #   make tsan      the threaded parts under ThreadSanitizer
-#   make bench     benchmarks: the codec, then forwarding against a reference relay
+#   make bench     benchmarks: the codec, forwarding against a reference relay, then
+#                  forwarding against the size of the gateway's tables
 #                  (QUICK=1 for a short forwarding run)
 # Further targets live in mk/*.mk, one file per concern.
 
@@ -62,6 +63,7 @@ QUICK ?= 0
 bench: build
 	@set -e; for b in $(BUILD)/bin/*Bench; do [ -x "$$b" ] && "$$b"; done; true
 	@BUILD=$(BUILD) QUICK=$(QUICK) scripts/bench-forwarding
+	@$(BUILD)/bin/fwd-scale $(BUILD)/bin/gate $(QUICK)
 
 clean:
 	rm -rf build build-asan build-tsan build-deb
