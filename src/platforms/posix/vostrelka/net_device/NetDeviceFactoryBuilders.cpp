@@ -2,6 +2,9 @@
 // builds one from a description the portable half has parsed.
 #include <cstdint>
 #include <exception>
+#include <optional>
+#include <string>
+#include <vector>
 
 #include "vostrelka/InetAddress.h"
 #include "vostrelka/NetDeviceSerial.h"
@@ -26,6 +29,24 @@ uint16_t parse_port(const std::string& text) {
     return static_cast<uint16_t>(std::stoul(text));
 }
 
+// The endpoint in params[first] (host) and params[first + 1] (port), or
+// empty after the line for what is wrong with it: `port_error` (port text,
+// reason) or `address_error` (host, port).
+std::optional<InetAddress> parse_endpoint(const std::vector<std::string>& params, size_t first, const char* port_error,
+                                          const char* address_error) {
+    const std::string& host = params[first];
+    uint16_t port = 0;
+    try {
+        port = parse_port(params[first + 1]);
+    } catch (const std::exception& e) {
+        debug(port_error, params[first + 1].c_str(), e.what());
+        return std::nullopt;
+    }
+    std::optional<InetAddress> address = InetAddress::from(host, port);
+    if (!address) debug(address_error, host.c_str(), static_cast<unsigned int>(port));
+    return address;
+}
+
 // Listen host and port, then optionally destination host and port. Without
 // a destination the owner sets one before each send.
 template <typename T>
@@ -33,40 +54,21 @@ std::unique_ptr<NetDevice> make_udp_device(const NetDeviceFactory::InterfaceDesc
     if (!NetDeviceFactory::check_params(desc)) return nullptr;
     auto device = std::make_unique<T>(UDP_BUFFER_SIZE, static_cast<uint8_t>(desc.address));
 
-    const std::string& host = desc.params[0];
-    uint16_t port = 0;
-    try {
-        port = parse_port(desc.params[1]);
-    } catch (const std::exception& e) {
-        debug("ERROR: parse listen port %s: %s", desc.params[1].c_str(), e.what());
-        return nullptr;
-    }
-    const std::optional<InetAddress> listen_address = InetAddress::from(host, port);
-    if (!listen_address) {
-        debug("ERROR: failed to create inet address from host/port. %s : %u", host.c_str(),
-              static_cast<unsigned int>(port));
-        return nullptr;
-    }
+    const std::optional<InetAddress> listen_address =
+        parse_endpoint(desc.params, 0, "ERROR: parse listen port %s: %s",
+                       "ERROR: failed to create inet address from host/port. %s : %u");
+    if (!listen_address) return nullptr;
     if (!device->create_socket(*listen_address)) {
-        debug("ERROR: create socket on address %s:%u", host.c_str(), static_cast<unsigned int>(port));
+        debug("ERROR: create socket on address %s:%u", desc.params[0].c_str(),
+              static_cast<unsigned int>(listen_address->port));
         return nullptr;
     }
 
     if (desc.params.size() == 4) {
-        const std::string& dest_host = desc.params[2];
-        uint16_t dest_port = 0;
-        try {
-            dest_port = parse_port(desc.params[3]);
-        } catch (const std::exception& e) {
-            debug("ERROR: parse destination port %s: %s", desc.params[3].c_str(), e.what());
-            return nullptr;
-        }
-        const std::optional<InetAddress> destination = InetAddress::from(dest_host, dest_port);
-        if (!destination) {
-            debug("ERROR: failed to create destination address from %s : %u", dest_host.c_str(),
-                  static_cast<unsigned int>(dest_port));
-            return nullptr;
-        }
+        const std::optional<InetAddress> destination =
+            parse_endpoint(desc.params, 2, "ERROR: parse destination port %s: %s",
+                           "ERROR: failed to create destination address from %s : %u");
+        if (!destination) return nullptr;
         device->set_destination_address(*destination);
     }
     return device;
