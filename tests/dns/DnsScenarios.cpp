@@ -213,6 +213,10 @@ TEST_F(DnsScenarios, AThousandUnresolvableNamesAddNoThreads) {
 
     const int threads = threads_of(gate->pid());
     EXPECT_EQ(threads, 1 + vostrelka::ResolverPool::POOL_SIZE);
+    // The hundred announced names keep only the last 16 links, the cap said once.
+    EXPECT_TRUE(gate->wait_for_line("WARNING: 16 MANet links announced by device_config, the most kept: a new one "
+                                    "now replaces the one seen longest ago"))
+        << gate->log();
     send_frame(7, 0x20, {7, 8, 9});
     EXPECT_EQ(receiver.receive(3000), (Bytes{7, 0x10, 0x20, 7, 8, 9})) << "the gate still forwards";
     figure("threads with 1000 unresolvable names: " + std::to_string(threads));
