@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstring>
 #include <map>
 #include <mutex>
@@ -17,6 +18,7 @@
 #include "support/GateProcess.h"
 #include "support/TempDir.h"
 #include "support/TsharkReader.h"
+#include "support/UdpEndpoint.h"
 #include "support/paths.h"
 
 using namespace test_support;
@@ -191,6 +193,81 @@ TEST(GatecatControl, AGatewayThatAnswersNonsenseOrHangsUpIsARuntimeFailure) {
     const ProcessResult peers = run_process_with_input(gatecat_binary(), {"peers", path}, "");
     EXPECT_EQ(peers.exit_status, 1);
     EXPECT_EQ(peers.err, "gatecat: peers: no answer from " + path + "\n");
+}
+
+// The real gateway: a tap sees a forwarded frame come in and go out, and
+// the counters and tables show it.
+TEST(GatecatControl, ShowsTheRealGatewaysTrafficCountersAndTables) {
+    TempDir dir;
+    UdpEndpoint device_10, device_20;
+    const std::string path = dir.path() + "/control.sock", link_1 = std::to_string(free_udp_port()),
+                      link_2 = std::to_string(free_udp_port());
+    GateProcess gate(
+        {"--config", dir.write_file("gate.json", R"({"control": {"path": ")" + path +
+                                                     R"("}, "ifaces": [)"
+                                                     R"({"iface": "udp://127.0.0.1:)" +
+                                                     link_1 +
+                                                     R"(", "id": 1},)"
+                                                     R"({"iface": "udpserial://127.0.0.1:)" +
+                                                     link_2 +
+                                                     R"(", "id": 2}],)"
+                                                     R"("local_peers": [{"netdev_addr": "0x10", "iface_id": 1, )"
+                                                     R"("inet_addr": ")" +
+                                                     device_10.address() +
+                                                     R"("},)"
+                                                     R"({"netdev_addr": "0x20", "iface_id": 2, )"
+                                                     R"("inet_addr": ")" +
+                                                     device_20.address() + R"("}]})")});
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (access(path.c_str(), F_OK) != 0 && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    ASSERT_EQ(access(path.c_str(), F_OK), 0) << gate.log();
+    GateProcess tap(gatecat_binary(), {"tap", "-c", "2", path}, true);
+    ASSERT_TRUE(tap.wait_for_prefix("gatecat: tapping ")) << tap.log();
+    // Answered after the gateway has read the tap's request, which came first.
+    ASSERT_EQ(run_process_with_input(gatecat_binary(), {"stats", path}, "").exit_status, 0);
+
+    ASSERT_TRUE(
+        device_10.send_to(static_cast<uint16_t>(std::stoi(link_1)), {0x07, 0x10, 0x20, 0xDE, 0xAD, 0xBE, 0xEF}));
+    ASSERT_TRUE(device_20.receive());
+    ASSERT_EQ(tap.wait_exit(), 0) << tap.log();
+    std::vector<std::string> frames;
+    for (const std::string& line : tap.lines()) {
+        if (line.rfind('(', 0) == 0) frames.push_back(line.substr(line.find(") ") + 2));
+    }
+    EXPECT_EQ(frames, (std::vector<std::string>{"iface 1 in 07:10>20#DEADBEEF  proto_id 7  0x10 -> 0x20  len 4",
+                                                "iface 2 out 07:10>20#DEADBEEF  proto_id 7  0x10 -> 0x20  len 4"}));
+
+    const ProcessResult stats = run_process_with_input(gatecat_binary(), {"stats", path}, "");
+    EXPECT_EQ(stats.exit_status, 0) << stats.err;
+    const std::string tables = stats.out.substr(stats.out.find('\n') + 1);
+    // Bytes as the links carry them: a 7-byte datagram in, 13 serial-framed bytes out.
+    EXPECT_EQ(tables,
+              "iface  kind       frames in  bytes in  frames out  bytes out  description\n"
+              "    1  udp                1         7           0          0  udp://127.0.0.1:" +
+                  link_1 +
+                  "\n"
+                  "    2  udpserial          0         0           1         13  udpserial://127.0.0.1:" +
+                  link_2 +
+                  "\n\n"
+                  "iface  decode errors  drops\n"
+                  "    1  none           none\n"
+                  "    2  none           none\n");
+    const ProcessResult peers = run_process_with_input(gatecat_binary(), {"peers", path}, "");
+    EXPECT_EQ(peers.exit_status, 0) << peers.err;
+    EXPECT_EQ(peers.out,
+              "local peers\n"
+              "addr  iface  inet\n"
+              "0x10      1  " +
+                  device_10.address() +
+                  "\n"
+                  "0x20      2  " +
+                  device_20.address() +
+                  "\n"
+                  "\n"
+                  "MANet links\n"
+                  "manet_addr  iface  local_addr  inet  resolver  state  age s  origin\n");
 }
 
 }  // namespace
