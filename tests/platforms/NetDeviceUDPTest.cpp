@@ -78,7 +78,7 @@ TEST(NetDeviceUDP, SendsHeaderThenPayloadUpToTheBufferSizeAndRefusesTheRestSilen
 }
 
 // A datagram of the header alone cannot be received, though one is sent.
-TEST(NetDeviceUDP, DeliversDatagramsWithAPayloadRemembersTheSenderAndSaysWhatIsReady) {
+TEST(NetDeviceUDP, DeliversDatagramsWithAPayloadAndRemembersTheSender) {
     Link<NetDeviceUDP> link;
     EXPECT_EQ(link.device.get_sender_inet_addr().to_s(), ":");
     link.feed({{}, {5}, {5, 9, 2}, {5, 9, 0x11, 1}, {5, 9, 2, 0x42}, {5, 9, 0xFF, 1, 2}});
