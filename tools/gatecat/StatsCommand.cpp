@@ -11,7 +11,8 @@ namespace gatecat {
 
 namespace {
 
-using nlohmann::json;
+// Ordered: counters print in the order the gateway sends them.
+using json = nlohmann::ordered_json;
 
 // A gateway answers at once; this only bounds a wait on one that hangs.
 constexpr int64_t ANSWER_WAIT_US = 5000000;
