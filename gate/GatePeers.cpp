@@ -118,11 +118,12 @@ bool Gate::add_manet_peer(Interface& iface, uint32_t manet_addr, uint8_t local_a
     };
 
     // A device may name any UTM it likes, but not redirect a gateway the
-    // configuration file names: that would take over its traffic.
+    // configuration file names: that would take over its traffic. The refusal
+    // is said at every level, within the table lines' rate limit.
     if (origin == Origin::ANNOUNCED) {
         for (const MANetPeer& link : links) {
             if (link.iface->id != iface.id || link.origin != Origin::CONFIGURED || same_as_call(link)) continue;
-            if (debug_level >= 1 && table_line_admitted()) {
+            if (table_line_admitted()) {
                 debug("WARNING: device_config does not replace configured MANet peer on iface %u: %s", iface.id,
                       full_addr_s_manet(manet_addr, local_addr, resolver, inet_addr).c_str());
             }
