@@ -205,7 +205,16 @@ bool ControlServer::flush(Client& client) {
     while (client.output_sent < client.output.size()) {
         const ssize_t sent =
             send_some(client.fd, client.output.data() + client.output_sent, client.output.size() - client.output_sent);
-        if (sent < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
+        if (sent < 0) {
+            const int error = errno;
+            // A client that reads, but never quite all of it, must not make
+            // the part already sent pile up in front of the rest.
+            if (client.output_sent >= MAX_PENDING_BYTES) {
+                client.output.erase(0, client.output_sent);
+                client.output_sent = 0;
+            }
+            return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
+        }
         client.output_sent += static_cast<size_t>(sent);
     }
     client.output.clear();
