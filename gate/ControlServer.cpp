@@ -20,9 +20,12 @@ namespace vostrelka {
 namespace {
 
 constexpr size_t READ_CHUNK_BYTES = 1024;
+// Per client and event, so that a client that keeps writing cannot keep the
+// loop from its devices; what is left is read in the next pass.
+constexpr int READ_CHUNKS_PER_EVENT = 16;
 
 std::string error_line(const std::string& text) {
-    return nlohmann::json{{"error", text}}.dump() + "\n";
+    return nlohmann::json{{"error", text}}.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
 }
 
 // Sends without blocking and without SIGPIPE: a client that went away must
@@ -127,7 +130,8 @@ void ControlServer::accept_clients() {
     for (;;) {
         const int fd = ::accept4(listen_fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd < 0) return;
-        if (clients.size() >= MAX_CLIENTS) {
+        // select() cannot watch a descriptor past FD_SETSIZE.
+        if (clients.size() >= MAX_CLIENTS || fd >= FD_SETSIZE) {
             const std::string refusal = error_line("too many clients");
             send_some(fd, refusal.data(), refusal.size());
             ::close(fd);
@@ -141,7 +145,7 @@ void ControlServer::accept_clients() {
 
 bool ControlServer::read_requests(Client& client) {
     char chunk[READ_CHUNK_BYTES];
-    for (;;) {
+    for (int chunks = 0; chunks < READ_CHUNKS_PER_EVENT; chunks++) {
         const ssize_t got = ::recv(client.fd, chunk, sizeof(chunk), MSG_DONTWAIT);
         if (got == 0) return false;
         if (got < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
@@ -168,6 +172,7 @@ bool ControlServer::read_requests(Client& client) {
             if (!handle_request(client, request)) return false;
         }
     }
+    return true;
 }
 
 // False when the client has to go: it let too much output pile up.

@@ -114,7 +114,7 @@ std::string Gate::stats_json() const {
     const ordered_json stats = {{"uptime_s", seconds(time_us() - started_us)},
                                 {"version", version::SOFTWARE},
                                 {"interfaces", std::move(interfaces)}};
-    return stats.dump();
+    return stats.dump(-1, ' ', false, ordered_json::error_handler_t::replace);
 }
 
 std::string Gate::peers_json() const {
@@ -138,7 +138,8 @@ std::string Gate::peers_json() const {
         }
     }
     const ordered_json peers = {{"local_peers", std::move(local)}, {"manet_links", std::move(links)}};
-    return peers.dump();
+    // A host name announced by a device may hold any bytes.
+    return peers.dump(-1, ' ', false, ordered_json::error_handler_t::replace);
 }
 
 }  // namespace vostrelka

@@ -196,6 +196,18 @@ TEST_F(GateRoutingTest, DeviceConfigIsForwardedThenAddsItsUtmOnceOnEveryManetInt
     EXPECT_EQ(gate.manet_peer_table().at(0x0A000001).size(), 2u);
 }
 
+// A device may announce a host name of any bytes; the control socket's
+// answer must still be JSON (the library throws on bytes that are not text).
+TEST_F(GateRoutingTest, PeersAnswerShowsAnAnnouncedHostThatIsNotText) {
+    receive(*serial1, vostrelka::SERVICE_PROTO_ID, 0x01, 0xFF, device_config(0x0A000001, "h\xFF\xFE"));
+    ASSERT_EQ(gate.manet_peer_table().count(0x0A000001), 1u);
+    const std::optional<std::string> peers = gate.answer_control_request("peers");
+    ASSERT_TRUE(peers);
+    // Each stray byte becomes U+FFFD.
+    EXPECT_NE(peers->find("\"resolver\":\"h\xEF\xBF\xBD\xEF\xBF\xBD:5000\""), std::string::npos) << *peers;
+    EXPECT_NE(peers->find(R"("origin":"announced")"), std::string::npos);
+}
+
 TEST_F(GateRoutingTest, MalformedUnusableOrOtherServiceMessagesChangeNothing) {
     local(1, 0x01);
     const Lines parse_error = {"ERROR: failed to parse device config message"};
