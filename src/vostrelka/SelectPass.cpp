@@ -26,17 +26,13 @@ int SelectPass::wait(int64_t max_wait_us, const sigset_t* wait_mask) {
     // Every descriptor a process may select on, whatever the entries hold:
     // the call is made the same way in every pass.
     constexpr int SELECT_FD_LIMIT = 1024;
-    constexpr int64_t US_PER_S = 1000000;
-    constexpr int64_t NS_PER_US = 1000;
     int64_t wait_us = max_wait_us < 0 ? 0 : max_wait_us;
     // The clock is read only when a timer needs it.
     if (timer_entry != nullptr) {
         const int64_t until_deadline_us = deadline - time_us();
         if (until_deadline_us < wait_us) wait_us = until_deadline_us < 0 ? 0 : until_deadline_us;
     }
-    timespec wait{};
-    wait.tv_sec = static_cast<time_t>(wait_us / US_PER_S);
-    wait.tv_nsec = static_cast<long>((wait_us % US_PER_S) * NS_PER_US);
+    const timespec wait = timespec_from_us(wait_us);
     return pselect(SELECT_FD_LIMIT, &read_set, &write_set, nullptr, &wait, wait_mask);
 }
 

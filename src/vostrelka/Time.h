@@ -1,8 +1,20 @@
 #pragma once
 // Every time in the system is kept in signed 64-bit microseconds.
 #include <cstdint>
+#include <ctime>
 
 namespace vostrelka {
+
+constexpr int64_t US_PER_S = 1000000;
+constexpr int64_t NS_PER_US = 1000;
+
+// A wait of `us` microseconds (not negative) as the system's wait calls take it.
+inline timespec timespec_from_us(int64_t us) {
+    timespec out{};
+    out.tv_sec = static_cast<time_t>(us / US_PER_S);
+    out.tv_nsec = static_cast<long>((us % US_PER_S) * NS_PER_US);
+    return out;
+}
 
 int64_t time_us();                  // CLOCK_MONOTONIC
 int64_t time_us_irq();              // same clock; exists for platforms that read it differently in interrupts

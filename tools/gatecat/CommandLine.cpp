@@ -5,13 +5,14 @@
 #include <cstdlib>
 #include <cxxopts.hpp>
 
+#include "vostrelka/Time.h"
+
 namespace vostrelka {
 namespace gatecat {
 
 namespace {
 
 constexpr double MAX_TIMEOUT_S = 1e9;
-constexpr double US_PER_S = 1e6;
 
 bool parse_count(const std::string& text, uint32_t& out) {
     if (text.empty() || text.size() > 10) return false;
@@ -31,7 +32,7 @@ bool parse_timeout(const std::string& text, int64_t& out_us) {
     char* end = nullptr;
     const double seconds = std::strtod(text.c_str(), &end);
     if (errno != 0 || *end != '\0' || !std::isfinite(seconds) || seconds <= 0 || seconds > MAX_TIMEOUT_S) return false;
-    out_us = static_cast<int64_t>(std::ceil(seconds * US_PER_S));
+    out_us = static_cast<int64_t>(std::ceil(seconds * static_cast<double>(US_PER_S)));
     return true;
 }
 

@@ -8,13 +8,13 @@
 #include <cerrno>
 #include <cstring>
 
+#include "vostrelka/Time.h"
+
 namespace vostrelka {
 namespace gatecat {
 
 namespace {
 
-constexpr int64_t US_PER_S = 1000000;
-constexpr int64_t NS_PER_US = 1000;
 constexpr size_t READ_CHUNK_SIZE = 65536;
 
 bool write_all(int fd, const std::string& text) {
@@ -68,7 +68,7 @@ ControlClient::Read ControlClient::read_line(std::string& line, int64_t wait_us,
         FD_ZERO(&readable);
         FD_SET(fd, &readable);
         const int64_t wait = wait_us < 0 ? 0 : wait_us;
-        timespec timeout{static_cast<time_t>(wait / US_PER_S), static_cast<long>((wait % US_PER_S) * NS_PER_US)};
+        timespec timeout = timespec_from_us(wait);
         const int ready = ::pselect(fd + 1, &readable, nullptr, nullptr, &timeout, wait_mask);
         if (ready < 0 && errno == EINTR) return Read::WAITING;
         if (ready < 0) return Read::CLOSED;

@@ -5,15 +5,12 @@
 
 #include "gatecat/FrameDecoder.h"
 #include "gatecat/FrameSyntax.h"
+#include "vostrelka/Time.h"
 
 namespace vostrelka {
 namespace gatecat {
 
-namespace {
-
-constexpr int64_t US_PER_S = 1000000;
-
-}  // namespace
+namespace {}  // namespace
 
 std::string frame_line(int64_t time_us, const std::string& origin, const net_device::Frame& frame, bool decode) {
     char fields[96];

@@ -1,6 +1,7 @@
 #include "gatecat/PcapWriter.h"
 
 #include "gatecat/FrameSyntax.h"
+#include "vostrelka/Time.h"
 #include "vostrelka/net_device/SerialEncoder.h"
 
 namespace vostrelka {
@@ -12,9 +13,8 @@ constexpr uint32_t PCAP_MAGIC_US = 0xA1B2C3D4;
 constexpr uint16_t PCAP_VERSION_MAJOR = 2;
 constexpr uint16_t PCAP_VERSION_MINOR = 4;
 constexpr uint32_t PCAP_SNAPLEN = 65535;
-constexpr int64_t US_PER_S = 1000000;
 constexpr size_t RECORD_HEADER_SIZE = 16;  // seconds, microseconds, captured and original length
-constexpr size_t FRAME_HEADER_SIZE = 3;    // proto_id, src, dst  // proto_id, src, dst
+constexpr size_t FRAME_HEADER_SIZE = 3;    // proto_id, src, dst
 // Serial framing at worst: two delimiters, every other byte escaped.
 constexpr size_t MAX_SERIAL_FRAME_SIZE = 2 + 2 * (4 + FRAME_HEADER_SIZE + MAX_TEXT_PAYLOAD_SIZE);
 

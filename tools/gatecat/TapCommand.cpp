@@ -22,7 +22,6 @@ using nlohmann::json;
 
 constexpr int64_t IDLE_WAIT_US = 1000000;
 constexpr int64_t KINDS_WAIT_US = 5000000;
-constexpr double US_PER_S = 1e6;
 
 // The medium of each interface, for the capture's pseudo-header, from one
 // "stats" request. Empty when it cannot be had: the capture then says
@@ -72,7 +71,7 @@ bool read_tapped_frame(const json& line, TappedFrame& out) {
         return false;
     const std::string direction = dir->get<std::string>();
     if (direction != "in" && direction != "out") return false;
-    out.time_us = std::llround(t->get<double>() * US_PER_S);
+    out.time_us = std::llround(t->get<double>() * static_cast<double>(US_PER_S));
     out.iface = static_cast<uint32_t>(iface);
     out.out = direction == "out";
     // The payload's hex text is read by the frame syntax's own rules.
