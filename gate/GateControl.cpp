@@ -72,6 +72,10 @@ const char* origin_text(Gate::Origin origin) {
     return "learned";
 }
 
+const char* role_text(uint8_t type) {
+    return type == Gate::MANET ? "manet" : type == Gate::LOCAL ? "local" : "inert";
+}
+
 }  // namespace
 
 void Gate::open_control() {
@@ -100,6 +104,7 @@ std::string Gate::stats_json() const {
         interfaces.push_back({{"id", id},
                               {"description", iface.description},
                               {"kind", kind_of(iface.description)},
+                              {"role", role_text(iface.type)},
                               {"frames_in", counters.frames_in},
                               {"bytes_in", counters.bytes_in},
                               {"frames_out", counters.frames_out},
@@ -127,12 +132,14 @@ std::string Gate::peers_json() const {
     for (const auto& [manet_addr, gateway_links] : manet_peers) {
         for (const MANetPeer& link : gateway_links) {
             const char* state = !link.resolver ? "none" : link.inet_addr ? "resolved" : "pending";
+            const char* reason = link.resolver && !link.inet_addr ? link.resolver->failure_reason() : nullptr;
             links.push_back({{"manet_addr", hex_text(manet_addr, 8)},
                              {"iface", link.iface->id},
                              {"local_addr", hex_text(link.local_addr, 2)},
                              {"inet", inet_text(link.inet_addr)},
                              {"resolver", link.resolver ? ordered_json(link.resolver->to_s()) : ordered_json(nullptr)},
                              {"resolver_state", state},
+                             {"reason", reason ? ordered_json(reason) : ordered_json(nullptr)},
                              {"age_s", seconds(now - static_cast<int64_t>(link.last_seen))},
                              {"origin", origin_text(link.origin)}});
         }

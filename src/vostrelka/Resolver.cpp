@@ -48,6 +48,10 @@ std::optional<InetAddress> AddressResolver::get_resolved_address() {
     return resolved_address;
 }
 
+const char* AddressResolver::failure_reason() const {
+    return job && !job->finished.load() ? job->failure.load() : nullptr;
+}
+
 std::string AddressResolver::to_s() const {
     return host + ":" + port_str;
 }

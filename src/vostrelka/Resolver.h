@@ -28,6 +28,9 @@ public:
     bool finished() const;
     std::optional<InetAddress> get_resolved_address();
     std::string to_s() const;  // host + ":" + port_str
+    // The reason the last attempt of a lookup still going on failed, as its
+    // log line gives it; null before the first failure and once finished.
+    const char* failure_reason() const;
 
     static addrinfo get_hints(const HostPort& host_port);
 

@@ -130,10 +130,12 @@ bool ResolverPool::attempt(ResolverJob& job) {
     // A resolver that went away during the lookup is not reported on.
     if (job.stop.load()) return false;
     if (error == 0) {
+        job.failure.store("unexpected null result!");
         debug_tagged(TAG, "ERROR: unexpected null result!");
     } else {
+        job.failure.store(gai_strerror(error));
         debug_tagged(TAG, "WARN: failed to resolve address. %s:%s. Reason: %s", job.host.c_str(), job.port_str.c_str(),
-                     gai_strerror(error));
+                     job.failure.load());
     }
     return false;
 }

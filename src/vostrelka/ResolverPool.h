@@ -37,6 +37,9 @@ struct ResolverJob {
     // Set by a worker once `answer` is written; `answer` never changes after.
     std::atomic<bool> finished{false};
     std::optional<InetAddress> answer;
+    // Why the last attempt failed, as its warning line says it (a static
+    // text); null until an attempt fails.
+    std::atomic<const char*> failure{nullptr};
 
     // Worker side only (under the pool's lock).
     bool announced = false;

@@ -2,6 +2,7 @@
 // tap as a client reads them, what a bad or slow client gets, the socket
 // file's life, and the service manager's readiness and watchdog messages.
 #include <gtest/gtest.h>
+#include <netdb.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 
@@ -15,6 +16,7 @@
 #include "support/ControlClient.h"
 #include "support/GateLink.h"
 #include "support/GateProcess.h"
+#include "support/InProcessGate.h"
 #include "support/PtyPair.h"
 #include "support/TempDir.h"
 
@@ -114,6 +116,7 @@ TEST_F(ControlSocketTest, StatsCountGoodAndCorruptedFramesExactlyOnEachKindOfLin
         return json{{"id", id},
                     {"description", description},
                     {"kind", kind},
+                    {"role", "local"},
                     {"frames_in", GOOD},
                     {"bytes_in", bytes_in},
                     {"frames_out", 0},
@@ -131,6 +134,8 @@ TEST_F(ControlSocketTest, StatsCountGoodAndCorruptedFramesExactlyOnEachKindOfLin
     EXPECT_EQ(stats[2],
               expected(2, udp_description("udpserial", udpserial), "udpserial", serial_bytes_in, serial_errors));
     EXPECT_EQ(stats[3], expected(3, serial_description, "serial", serial_bytes_in, serial_errors));
+    EXPECT_EQ(stats[4]["kind"], "udp");
+    EXPECT_EQ(stats[4]["role"], "manet");
 
     // Frames that go somewhere count out on the link they leave by.
     const Frame to_udp{OPAQUE_PROTO, 0x30, 0x10, {9, 9}};
@@ -167,16 +172,12 @@ TEST_F(ControlSocketTest, PeersShowLearnedLinksUntilTheyAgeOut) {
                               {{"addr", "0x20"}, {"iface", 2}, {"inet", udpserial.udp.address()}},
                               {{"addr", "0x30"}, {"iface", 3}, {"inet", nullptr}},
                               {{"addr", "0x41"}, {"iface", 1}, {"inet", udp.udp.address()}}};
-    const json configured = {{"manet_addr", "0x0A000002"},
-                             {"iface", 4},
-                             {"local_addr", "0x22"},
-                             {"inet", gw},
-                             {"resolver", gw},
-                             {"resolver_state", "resolved"},
-                             {"origin", "configured"}};
+    const json configured = {
+        {"manet_addr", "0x0A000002"},   {"iface", 4},        {"local_addr", "0x22"},  {"inet", gw}, {"resolver", gw},
+        {"resolver_state", "resolved"}, {"reason", nullptr}, {"origin", "configured"}};
     const json learned = {{"manet_addr", "0x0B000001"}, {"iface", 1},          {"local_addr", "0x41"},
                           {"inet", udp.udp.address()},  {"resolver", nullptr}, {"resolver_state", "none"},
-                          {"origin", "learned"}};
+                          {"reason", nullptr},          {"origin", "learned"}};
     EXPECT_EQ(peers, (json{{"local_peers", local_peers}, {"manet_links", {configured, learned}}}));
 
     // Ten silent seconds later the learned link is gone; the rest stays.
@@ -186,6 +187,27 @@ TEST_F(ControlSocketTest, PeersShowLearnedLinksUntilTheyAgeOut) {
     ASSERT_EQ(peers["manet_links"].size(), 1u);
     EXPECT_GE(peers["manet_links"][0]["age_s"].get<double>(), 10.0);
     EXPECT_EQ(peers["manet_links"][0]["origin"], "configured");
+}
+
+// A port text that is no service fails every attempt, without a name server.
+TEST(ControlAnswerTest, ALinkWhoseNameKeepsFailingShowsTheReasonItsLogLineGives) {
+    InProcessGate bench;
+    bench.add_recording_iface(4, vostrelka::Gate::MANET);
+    log_lines_of([&] {
+        bench.gate.add_manet_peer(
+            bench.iface(4), 0x0A000003, 0x23,
+            std::make_unique<vostrelka::AddressResolver>(*vostrelka::HostPort::from("127.0.0.1:80xyz"), false),
+            std::nullopt, vostrelka::Gate::Origin::CONFIGURED);
+    });
+    json link;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    do {
+        link = json::parse(*bench.gate.answer_control_request("peers"))["manet_links"][0];
+        if (!link["reason"].is_null()) break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    } while (std::chrono::steady_clock::now() < deadline);
+    EXPECT_EQ(link["resolver_state"], "pending");
+    EXPECT_EQ(link["reason"], gai_strerror(EAI_SERVICE));
 }
 
 // The tap is on once a later request has been answered: requests are read in order.
