@@ -109,7 +109,7 @@ Gate::Gate() : Application("gate", "Net device gateway", true) {
     options.add_options()("c,config", "Configuration file for gate", cxxopts::value<std::string>())(
         "d,debug", "Debug level: 0 = none, 1 = warnings, 2 = forw, 3 = recv",
         cxxopts::value<int>()->default_value("0"));
-    event_loop_entries.push_back(&resolver_wake_up);
+    own_entries.push_back(&resolver_wake_up);
 }
 
 Gate::~Gate() = default;

@@ -36,6 +36,9 @@ class RunnerHandler;
 namespace manet {
 struct MAPacket;
 }
+namespace event_system {
+class SelectPass;
+}
 namespace net_device {
 class NetDeviceCan;
 class NetDeviceUDP;
@@ -57,8 +60,8 @@ public:
     static constexpr int64_t PEER_TIMEOUT_US = 10000000;
     static constexpr size_t MAX_INTERFACES = 32;
     // Entries of the gateway's own (the resolver wake-up, the control
-    // socket), beside the interfaces and never taking an interface's place.
-    // They have no timers, so they do not change which timer counts.
+    // socket), in a list apart from the devices': they have no timers, and
+    // their wake-ups do not run a pass.
     static constexpr size_t MAX_INTERNAL_ENTRIES = 4;
     static constexpr size_t MAX_EVENT_LOOP_ENTRIES = MAX_INTERFACES + MAX_INTERNAL_ENTRIES;
     // What traffic may add to the MANet table, in links. Past a cap a new
@@ -118,8 +121,10 @@ public:
     net_device::NetDeviceFactory& device_factory() { return factory; }
     void set_debug_level(int32_t level) { debug_level = level; }
 
-    // Main loop. loop() runs run_once() for ever. `max_wait_us` only
-    // shortens the wait in select() (tests drive single passes with it).
+    // Main loop. loop() runs run_once() for ever; run_once() returns after
+    // one pass, which comes when a device is ready or the pass's wait has
+    // run out (`max_wait_us` only shortens it: tests drive single passes
+    // with it). Other wake-ups on the way are served without a pass.
     [[noreturn]] void loop();
     void run_once(int64_t max_wait_us = MAX_SELECT_WAIT_US);
     void age_learned_links(int64_t now);
@@ -156,11 +161,14 @@ private:
     bool parse_manet_peers(json& peers);
     void parse_rfmodem_config(Interface& iface, const json& config);
 
+    void run_pass(event_system::SelectPass& pass);
+    // The watchdog and the retry of lost links, between passes.
+    int64_t next_chore_us();
+    void do_chores(int64_t now);
     void check_serial_port();
-    // Lost CAN links try to reopen, at most once per LINK_RETRY_WAIT_US.
-    void check_can_links();
-    // Some link was lost and waits to be reopened.
-    bool link_awaits_reopening();
+    // Lost CAN links try to reopen, at most once per LINK_RETRY_WAIT_US;
+    // `now` 0: read the clock when needed.
+    void check_can_links(int64_t now = 0);
 
     // Both return false when the frame found nowhere to go.
     bool forward_local_frame(const net_device::NetDevice& from_device, const net_device::Frame& frame,
@@ -200,6 +208,7 @@ private:
     std::vector<net_device::NetDeviceCan*> can_links;
     int64_t next_can_retry_us = 0;
     ArrayListAlloc<event_system::EventLoopEntry*, MAX_EVENT_LOOP_ENTRIES> event_loop_entries;
+    ArrayListAlloc<event_system::EventLoopEntry*, MAX_INTERNAL_ENTRIES> own_entries;
     // A finished lookup wakes the loop and its answer is taken at once.
     ResolverWakeUp resolver_wake_up{[this] { collect_resolutions(); }};
     Interfaces ifaces;

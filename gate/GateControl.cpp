@@ -88,7 +88,7 @@ void Gate::open_control() {
         debug("ERROR: control socket %s: %s", control_path.c_str(), error.c_str());
         exit(1);
     }
-    event_loop_entries.push_back(control.get());
+    own_entries.push_back(control.get());
 }
 
 std::optional<std::string> Gate::answer_control_request(const std::string& request) const {

@@ -1,5 +1,11 @@
 // The gateway's one thread of work: wait for the devices, let them read
 // and deliver, then the periodic chores of a pass.
+//
+// What wakes the loop besides the devices (a finished lookup, a control
+// client, the watchdog's schedule, the retry of a lost link) is served on
+// its own and the loop goes back to waiting: a pass runs only when a device
+// was ready or the pass's wait ran out, so that an idle gateway keeps the
+// same rhythm whichever of those are configured.
 #include <cerrno>
 
 #include "Gate.h"
@@ -12,32 +18,66 @@
 
 namespace vostrelka {
 
+namespace {
+constexpr int64_t NO_CHORE = INT64_MAX;
+}
+
 void Gate::loop() {
     for (;;) run_once();
 }
 
 void Gate::run_once(int64_t max_wait_us) {
-    event_system::SelectPass pass(event_loop_entries.begin(), event_loop_entries.size);
-    int64_t wait_us = max_wait_us < MAX_SELECT_WAIT_US ? max_wait_us : MAX_SELECT_WAIT_US;
-    // A link that awaits reopening is retried about once a second, also
-    // when nothing else happens.
-    if (wait_us > LINK_RETRY_WAIT_US && link_awaits_reopening()) wait_us = LINK_RETRY_WAIT_US;
-    // Only with a watchdog: otherwise an idle gateway sleeps the full wait.
-    const int64_t keep_alive_us = notifier.keep_alive_period_us();
-    if (keep_alive_us != 0 && wait_us > keep_alive_us) wait_us = keep_alive_us;
-    const int ready = pass.wait(wait_us);
-    if (ready > 0) {
-        pass.deliver();
-    } else if (ready < 0) {
-        event_system::log_select_error(errno);
+    int64_t now = time_us();
+    // The pass's wait: 5 s, `max_wait_us`, or the last timer's deadline.
+    int64_t pass_at = now + (max_wait_us < 0 ? 0 : max_wait_us < MAX_SELECT_WAIT_US ? max_wait_us : MAX_SELECT_WAIT_US);
+    for (bool first = true;; first = false) {
+        event_system::SelectPass pass(event_loop_entries.begin(), event_loop_entries.size, own_entries.begin(),
+                                      own_entries.size);
+        if (first && pass.timer_deadline() != 0 && pass.timer_deadline() < pass_at) {
+            pass_at = pass.timer_deadline() < now ? now : pass.timer_deadline();
+        }
+        const int64_t chore_at = next_chore_us();
+        const bool chore_first = chore_at < pass_at;
+        const int ready = pass.wait((chore_first ? chore_at : pass_at) - now);
+        if (ready < 0) {
+            event_system::log_select_error(errno);
+            run_pass(pass);
+            return;
+        }
+        if (ready > 0) {
+            // Asked before the loop's own entries are served: serving a
+            // control client may close its descriptor.
+            const bool device = pass.device_ready();
+            pass.deliver_own();
+            if (device) {
+                pass.deliver();
+                run_pass(pass);
+                return;
+            }
+        }
+        if (ready == 0 && !chore_first) {
+            run_pass(pass);
+            return;
+        }
+        now = time_us();
+        if (now >= pass_at) {
+            run_pass(pass);
+            return;
+        }
+        do_chores(now);
     }
+}
+
+// The pass proper, after its wait: the due timer, the links, the handlers,
+// the tables.
+void Gate::run_pass(event_system::SelectPass& pass) {
     pass.run_due_timer();
 
     check_serial_port();
     check_can_links();
     // A flood of table changes that has stopped still gets its summary line.
     if (table_log.holding_back()) table_log.flush(time_us());
-    if (keep_alive_us != 0) notifier.keep_alive(time_us());
+    if (notifier.keep_alive_period_us() != 0) notifier.keep_alive(time_us());
 
     // Nothing below needs the time when there is nothing to update or age,
     // and a clock read costs about as much as the rest of the pass's chores.
@@ -47,8 +87,30 @@ void Gate::run_once(int64_t max_wait_us) {
 
     age_learned_links(now);
     // The resolver wake-up calls this as soon as an answer comes; here it is
-    // the fallback, e.g. for a wake-up taken by another gate of the process.
+    // the fallback, should a wake-up be lost.
     collect_resolutions();
+}
+
+// When the watchdog or a lost link next needs the loop; NO_CHORE when
+// neither does.
+int64_t Gate::next_chore_us() {
+    int64_t at = notifier.keep_alive_period_us() != 0 ? notifier.next_keep_alive() : NO_CHORE;
+    for (const auto& line : factory.serial_ports()) {
+        if (line->awaiting_reopen() && line->next_attempt() < at) at = line->next_attempt();
+    }
+    for (const net_device::NetDeviceCan* can : can_links) {
+        if (can->link_lost() && next_can_retry_us < at) at = next_can_retry_us;
+    }
+    return at;
+}
+
+// Between passes: WATCHDOG=1 and the retry of lost links, when due.
+void Gate::do_chores(int64_t now) {
+    if (notifier.keep_alive_period_us() != 0) notifier.keep_alive(now);
+    for (auto& line : factory.serial_ports()) {
+        if (line->awaiting_reopen()) line->supervise(now);
+    }
+    check_can_links(now);
 }
 
 // Lost lines are closed, and closed ones reopened once their path is back.
@@ -58,26 +120,17 @@ void Gate::check_serial_port() {
     for (auto& line : factory.serial_ports()) line->supervise(now);
 }
 
-void Gate::check_can_links() {
+void Gate::check_can_links(int64_t now) {
     if (can_links.empty()) return;
-    int64_t now = 0;
+    bool tried = false;
     for (net_device::NetDeviceCan* can : can_links) {
         if (!can->link_lost()) continue;
         if (now == 0) now = time_us();
         if (now < next_can_retry_us) return;
         can->reopen();
+        tried = true;
     }
-    if (now != 0) next_can_retry_us = now + LINK_RETRY_WAIT_US;
-}
-
-bool Gate::link_awaits_reopening() {
-    for (const auto& line : factory.serial_ports()) {
-        if (line->awaiting_reopen()) return true;
-    }
-    for (const net_device::NetDeviceCan* can : can_links) {
-        if (can->link_lost()) return true;
-    }
-    return false;
+    if (tried) next_can_retry_us = now + LINK_RETRY_WAIT_US;
 }
 
 }  // namespace vostrelka

@@ -21,12 +21,13 @@ public:
     bool init_from_environment();
     // READY=1: every interface is open.
     void ready();
-    // How often the loop must come round to keep_alive(); 0 without a
-    // watchdog. A quarter of the interval: the manager wants a message at
-    // least every half interval, and a pass may wait that long before it.
+    // How often keep_alive() sends; 0 without a watchdog. A quarter of the
+    // interval: the manager wants a message at least every half interval.
     int64_t keep_alive_period_us() const { return period_us; }
     // WATCHDOG=1 when a period has passed since the last one.
     void keep_alive(int64_t now_us);
+    // When keep_alive() next sends (time_us()); 0 before the first message.
+    int64_t next_keep_alive() const { return next_keep_alive_us; }
 
 private:
     bool send(const char* text);

@@ -8,7 +8,8 @@
 namespace vostrelka {
 namespace event_system {
 
-SelectPass::SelectPass(EventLoopEntry* const* entries_, size_t count_) : entries(entries_), count(count_) {
+SelectPass::SelectPass(EventLoopEntry* const* entries_, size_t count_, EventLoopEntry* const* own_, size_t own_count_)
+    : entries(entries_), count(count_), own(own_), own_count(own_count_) {
     FD_ZERO(&read_set);
     FD_ZERO(&write_set);
     FD_ZERO(&except_set);
@@ -20,6 +21,7 @@ SelectPass::SelectPass(EventLoopEntry* const* entries_, size_t count_) : entries
             deadline = entry->timer_deadline;
         }
     }
+    for (size_t i = 0; i < own_count; ++i) own[i]->register_fd(&read_set, &write_set, &except_set);
 }
 
 int SelectPass::wait(int64_t max_wait_us, const sigset_t* wait_mask) {
@@ -33,7 +35,20 @@ int SelectPass::wait(int64_t max_wait_us, const sigset_t* wait_mask) {
         if (until_deadline_us < wait_us) wait_us = until_deadline_us < 0 ? 0 : until_deadline_us;
     }
     const timespec wait = timespec_from_us(wait_us);
-    return pselect(SELECT_FD_LIMIT, &read_set, &write_set, nullptr, &wait, wait_mask);
+    ready = pselect(SELECT_FD_LIMIT, &read_set, &write_set, nullptr, &wait, wait_mask);
+    return ready;
+}
+
+bool SelectPass::device_ready() {
+    if (ready <= 0) return false;
+    // Usually none of the loop's own is ready, and then what was must be a device.
+    bool own_ready = false;
+    for (size_t i = 0; i < own_count && !own_ready; ++i) own_ready = is_ready(*own[i]);
+    if (!own_ready) return true;
+    for (size_t i = 0; i < count; ++i) {
+        if (is_ready(*entries[i])) return true;
+    }
+    return false;
 }
 
 void SelectPass::deliver() {
@@ -45,6 +60,20 @@ void SelectPass::deliver() {
         if (entry.is_fd_set(&except_set)) events |= EVENT_EXCEPTION;
         if (events != 0) entry.on_event(events);
     }
+}
+
+bool SelectPass::deliver_own() {
+    bool any = false;
+    for (size_t i = 0; i < own_count; ++i) {
+        EventLoopEntry& entry = *own[i];
+        uint8_t events = 0;
+        if (entry.is_fd_set(&write_set)) events |= EVENT_WRITABLE;
+        if (entry.is_fd_set(&read_set)) events |= EVENT_READABLE;
+        if (events == 0) continue;
+        entry.on_event(events);
+        any = true;
+    }
+    return any;
 }
 
 void SelectPass::run_due_timer() {

@@ -31,6 +31,8 @@ public:
     // The port is open and its line is gone.
     bool lost() const;
     bool awaiting_reopen() const { return !port->is_open(); }
+    // When supervise() next tries to reopen a closed line (time_us()).
+    int64_t next_attempt() const { return next_attempt_us; }
 
     const std::shared_ptr<SerialPort>& get_port() const { return port; }
     const std::string& get_path() const { return path; }
