@@ -24,6 +24,12 @@
 // (--slice-ms), each meets the same one. Between slices the probe pauses
 // (--gap-ms) so that a forwarder's backlog is drained, and its CPU time
 // counted, before the next one starts.
+//
+// Fairness (--flood, --flood-listen, one address each per forwarder): while
+// a forwarder's paced frames go to it, the probe also floods another of its
+// inputs flat out with frames 0x03 -> 0x04 and takes back on the flood sink
+// what the forwarder got through of them. The line then also gives
+// flood_sent, flood_received and flood_rate (delivered flood frames/s).
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -41,10 +47,13 @@ namespace {
 
 constexpr size_t MAX_TARGETS = 8;
 constexpr int64_t NS_PER_MS = 1000000;
+constexpr int64_t FLOOD_LEAD_NS = 10 * NS_PER_MS;
 
 struct Options {
     std::vector<sockaddr_in> to;
     std::vector<sockaddr_in> listen;
+    std::vector<sockaddr_in> flood;
+    std::vector<sockaddr_in> flood_listen;
     std::vector<probe::Format> formats;
     std::vector<int> pids;
     std::vector<double> rates;  // frames/s per forwarder; 0 = flat out
@@ -61,6 +70,7 @@ const char* const USAGE =
     "                 [--pids PID[,...]] [--from HOST:PORT] [--rate FRAMES_PER_S[,...] (0 = flat out)]\n"
     "                 [--seconds S (per forwarder)] [--size PAYLOAD_BYTES] [--slice-ms MS] [--gap-ms MS]\n"
     "                 [--idle-ms MS (wait for stragglers after the last send)]\n"
+    "                 [--flood HOST:PORT[,...] --flood-listen HOST:PORT[,...] (flat out beside each target)]\n"
     "example: fwd-probe --to 127.0.0.1:47001 --from 127.0.0.1:47004 --listen 127.0.0.1:47003 --rate 20000\n"
     "prints:  target=0 sent=20000 cpu_ns=0 received=20000 unique=20000 lost=0 reordered=0 duplicates=0 "
     "rate=20000.1 p50_us=18.3 p99_us=41.0 p999_us=95.2 max_us=180.4\n";
@@ -95,6 +105,10 @@ bool parse_options(int argc, char** argv, Options& options) {
             ok = parse_endpoints(value, options.to);
         } else if (key == "--listen") {
             ok = parse_endpoints(value, options.listen);
+        } else if (key == "--flood") {
+            ok = parse_endpoints(value, options.flood);
+        } else if (key == "--flood-listen") {
+            ok = parse_endpoints(value, options.flood_listen);
         } else if (key == "--from") {
             auto endpoint = probe::parse_endpoint(value);
             ok = endpoint.has_value();
@@ -137,6 +151,8 @@ bool parse_options(int argc, char** argv, Options& options) {
     if (options.rates.size() == 1) options.rates.resize(targets, options.rates.front());
     return argc % 2 == 1 && targets >= 1 && targets <= MAX_TARGETS && options.listen.size() == targets &&
            options.formats.size() == targets && options.rates.size() == targets &&
+           (options.flood.empty() || options.flood.size() == targets) &&
+           options.flood_listen.size() == options.flood.size() &&
            (options.pids.empty() || options.pids.size() == targets) &&
            options.payload_size >= probe::MIN_PAYLOAD_SIZE && options.payload_size <= probe::MAX_PAYLOAD_SIZE &&
            options.seconds > 0 && options.slice_ms > 0 && options.gap_ms >= 0 &&
@@ -153,6 +169,22 @@ int64_t cpu_time_ns(int pid) {
     schedstat >> on_cpu_ns;
     return on_cpu_ns;
 }
+
+// Frames 0x03 -> 0x04 sent flat out beside a target's own, and what of them
+// came back.
+struct Flood {
+    Flood(int send_fd, const sockaddr_in& to, int receive_fd_, probe::Format format, size_t payload_size)
+        : receive_fd(receive_fd_),
+          tally(0),
+          sender(std::make_unique<probe::Sender>(send_fd, to, probe::FrameHeader{format, 7, 0x03, 0x04}, payload_size)),
+          receiver(std::make_unique<probe::Receiver>(receive_fd_, format, tally)) {}
+    ~Flood() { close(receive_fd); }
+
+    int receive_fd;
+    probe::Tally tally;
+    std::unique_ptr<probe::Sender> sender;
+    std::unique_ptr<probe::Receiver> receiver;
+};
 
 // One forwarder under test, with what the probe keeps for it.
 struct Target {
@@ -174,12 +206,16 @@ struct Target {
     probe::Tally tally;
     std::unique_ptr<probe::Sender> sender;
     std::unique_ptr<probe::Receiver> receiver;
+    std::unique_ptr<Flood> flood;  // null without --flood
 };
 
 // Takes every frame waiting on any target's socket.
 void drain(std::vector<std::unique_ptr<Target>>& targets) {
     for (auto& target : targets) {
         while (target->receiver->receive_batch(MSG_DONTWAIT) > 0) {
+        }
+        if (!target->flood) continue;
+        while (target->flood->receiver->receive_batch(MSG_DONTWAIT) > 0) {
         }
     }
 }
@@ -204,9 +240,13 @@ bool run_slice(std::vector<std::unique_ptr<Target>>& targets, Target& target, in
             if (!target.sender->send_batch(probe::SEND_BATCH_FRAMES)) return false;
         } else {
             const uint64_t done = target.sender->sent() - first;
-            if (done >= total) return true;
-            const uint64_t due = probe::frames_due(now - start_ns, rate, total);
+            if (done >= total && now - start_ns >= duration_ns) return true;
+            // Beside a flood, the first paced frame waits until the flood has
+            // filled the forwarder's input.
+            const int64_t paced_ns = now - start_ns - (target.flood ? FLOOD_LEAD_NS : 0);
+            const uint64_t due = paced_ns < 0 ? 0 : probe::frames_due(paced_ns, rate, total);
             if (due > done && !target.sender->send_batch(static_cast<size_t>(due - done))) return false;
+            if (target.flood && !target.flood->sender->send_batch(probe::SEND_BATCH_FRAMES)) return false;
         }
         drain(targets);
     }
@@ -235,6 +275,14 @@ int main(int argc, char** argv) {
         targets.push_back(std::make_unique<Target>(
             send_fd, receive_fd, options.to[i], options.formats[i], options.payload_size, options.rates[i],
             static_cast<uint64_t>(options.rates[i] * options.seconds), options.pids.empty() ? 0 : options.pids[i]));
+        if (options.flood.empty()) continue;
+        const int flood_fd = probe::open_receive_socket(options.flood_listen[i]);
+        if (flood_fd < 0) {
+            std::perror("fwd-probe: flood sink");
+            return 1;
+        }
+        targets.back()->flood =
+            std::make_unique<Flood>(send_fd, options.flood[i], flood_fd, options.formats[i], options.payload_size);
     }
 
     // Every forwarder gets the same number of slices, in turn.
@@ -248,6 +296,7 @@ int main(int argc, char** argv) {
             drain_for(targets, options.gap_ms * NS_PER_MS);
             target.cpu_ns += cpu_time_ns(target.pid) - cpu_before;
             target.tally.end_slice();
+            if (target.flood) target.flood->tally.end_slice();
         }
     }
     // Stragglers: until every paced frame is back or nothing came for a while.
@@ -267,6 +316,12 @@ int main(int argc, char** argv) {
         Target& target = *targets[i];
         std::printf("target=%zu sent=%llu cpu_ns=%lld ", i, static_cast<unsigned long long>(target.sender->sent()),
                     static_cast<long long>(target.cpu_ns));
+        if (target.flood) {
+            std::printf("flood_sent=%llu flood_received=%llu flood_rate=%.1f ",
+                        static_cast<unsigned long long>(target.flood->sender->sent()),
+                        static_cast<unsigned long long>(target.flood->tally.received),
+                        target.flood->tally.delivered_rate());
+        }
         target.tally.print(target.sender->sent());
         close(target.receive_fd);
     }

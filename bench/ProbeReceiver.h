@@ -56,11 +56,15 @@ public:
         slice_received = 0;
     }
 
+    // Frames/s over the slices' busy time (end_slice() first).
+    double delivered_rate() const {
+        return busy_ns > 0 ? static_cast<double>(busy_frames) * NS_PER_S / static_cast<double>(busy_ns) : 0;
+    }
+
     // One line of key=value; loss is what was offered and never arrived.
     void print(uint64_t offered) {
         end_slice();
-        const double rate =
-            busy_ns > 0 ? static_cast<double>(busy_frames) * NS_PER_S / static_cast<double>(busy_ns) : 0;
+        const double rate = delivered_rate();
         std::sort(latencies_ns.begin(), latencies_ns.end());
         std::printf(
             "received=%llu unique=%llu lost=%llu reordered=%llu duplicates=%llu rate=%.1f p50_us=%.1f p99_us=%.1f "

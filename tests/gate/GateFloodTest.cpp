@@ -11,6 +11,7 @@
 #include <fstream>
 #include <functional>
 #include <regex>
+#include <sstream>
 
 #include "support/GateProcess.h"
 #include "support/InProcessGate.h"
@@ -55,6 +56,14 @@ struct Sender {
         return sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof(to)) ==
                static_cast<ssize_t>(bytes.size());
     }
+    // `count` (at most 64) copies of `bytes` with one call; how many went.
+    int send_burst(uint16_t port, const Bytes& bytes, int count) const {
+        sockaddr_in to = loopback(port);
+        iovec vector{const_cast<uint8_t*>(bytes.data()), bytes.size()};
+        mmsghdr messages[64]{};
+        for (mmsghdr& message : messages) message.msg_hdr = msghdr{&to, sizeof(to), &vector, 1, nullptr, 0, 0};
+        return sendmmsg(fd, messages, static_cast<unsigned>(std::min(count, 64)), 0);
+    }
     int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
 };
 
@@ -73,6 +82,24 @@ long proc_status(pid_t pid, const std::string& field) {
     return -1;
 }
 
+// Datagrams the kernel dropped at the full receive queue of the socket
+// bound to 127.0.0.1:`port` (/proc/net/udp), -1 if there is none.
+long receive_queue_drops(uint16_t port) {
+    std::ifstream table("/proc/net/udp");
+    char local[32];
+    std::snprintf(local, sizeof(local), "0100007F:%04X", port);
+    for (std::string line; std::getline(table, line);) {
+        std::istringstream fields(line);
+        std::string slot, address, column;
+        fields >> slot >> address;
+        if (address != local) continue;
+        while (fields >> column) {
+        }
+        return std::stol(column);
+    }
+    return -1;
+}
+
 struct FloodFigures {
     long max_threads = 0;
     long rss_kb = 0;
@@ -81,7 +108,8 @@ struct FloodFigures {
 
 // Flood frames come in on "udp" interface 1, the stream from node 0x01 on
 // interface 2 to local peer 0x02 (the sink); gateway 0x0A000001 is
-// configured on the MANet interface 3.
+// configured on the MANet interface 3, and local peer 0x04 on interface 2 is
+// a socket nobody reads.
 class GateFloodTest : public testing::Test {
 protected:
     void start(int debug_level) {
@@ -92,7 +120,8 @@ protected:
         const std::string config = R"({"ifaces": [)" + iface(flood_port, 1) + ", " + iface(stream_port, 2) + ", " +
                                    iface(manet_port, 3, R"(, "type": "manet")") +
                                    R"(], "local_peers": [{"netdev_addr": "0x02", "iface_id": 2, "inet_addr": ")" +
-                                   sink.address() +
+                                   sink.address() + R"("}, {"netdev_addr": "0x04", "iface_id": 2, "inet_addr": ")" +
+                                   flood_sink.address() +
                                    R"("}], "manet_peers": [{"manet_addr": "0x0A000001", "netdev_addr": "0x22", )"
                                    R"("iface_id": 3, "inet_addr": ")" +
                                    gateway.address() + R"("}]})";
@@ -158,7 +187,7 @@ protected:
     uint16_t flood_port = free_udp_port();
     uint16_t stream_port = free_udp_port();
     uint16_t manet_port = free_udp_port();
-    UdpEndpoint node, sink, gateway;
+    UdpEndpoint node, sink, gateway, flood_sink;
     std::vector<std::unique_ptr<Sender>> senders = [] {
         std::vector<std::unique_ptr<Sender>> made;
         for (int host = 2; host < 2 + SENDERS; ++host) made.push_back(std::make_unique<Sender>(host));
@@ -197,6 +226,41 @@ TEST_F(GateFloodTest, DeviceConfigsWithNumericHostsFillTheAnnouncedCapAndNoMore)
         "replaces the one seen longest ago";
     EXPECT_TRUE(gate->wait_for_line(cap)) << gate->log();
     expect_bounded("device_config flood, 2000 frames", figures);
+}
+
+// Interface 1, read first in every pass, is flooded with frames the gate
+// forwards, faster than it can: its socket's queue overflows. A stream
+// through interface 2 still gets every frame through, in order. Counted,
+// not timed: a stream frame after every STREAM_EVERY flood frames, until
+// the kernel has dropped flood frames for a while.
+TEST_F(GateFloodTest, AnInterfaceFloodedBeyondWhatTheGateForwardsCostsAnotherInterfaceNothing) {
+    start(0);
+    const Bytes flood = datagram(7, 0x03, 0x04, Bytes(32, 0x42));
+    constexpr int STREAM_FRAMES = 100;
+    constexpr int MAX_FLOOD_FRAMES = 20000000;
+    int flooded = 0, streamed = 0;
+    long drops_at_first_stream_frame = -1;
+    while (streamed < STREAM_FRAMES && flooded < MAX_FLOOD_FRAMES) {
+        const int sent = senders[0]->send_burst(flood_port, flood, 64);
+        ASSERT_GT(sent, 0);
+        flooded += sent;
+        if (flooded / STREAM_EVERY <= streamed) continue;
+        // The stream starts once the flood overflows interface 1.
+        const long drops = receive_queue_drops(flood_port);
+        if (drops <= 0) continue;
+        if (drops_at_first_stream_frame < 0) drops_at_first_stream_frame = drops;
+        ASSERT_TRUE(node.send_to(stream_port, datagram(7, 0x01, 0x02, {static_cast<uint8_t>(streamed++)})));
+    }
+    ASSERT_EQ(streamed, STREAM_FRAMES) << "the flood never overflowed interface 1";
+    EXPECT_GT(receive_queue_drops(flood_port), drops_at_first_stream_frame)
+        << "the flood stopped overflowing interface 1 while the stream ran";
+    for (int expected = 0; expected < streamed; ++expected) {
+        ASSERT_EQ(sink.receive(5000), datagram(7, 0x01, 0x02, {static_cast<uint8_t>(expected)}))
+            << "stream frame " << expected << " of " << streamed << ", " << flooded << " flood frames";
+    }
+    EXPECT_EQ(receive_queue_drops(stream_port), 0);
+    std::printf("fairness: %d flood frames, %ld dropped at interface 1, %d stream frames through\n", flooded,
+                receive_queue_drops(flood_port), streamed);
 }
 
 TEST_F(GateFloodTest, ADeviceCannotRedirectAConfiguredGateway) {

@@ -89,6 +89,69 @@ TEST(NetDeviceUDP, DeliversDatagramsWithAPayloadAndRemembersTheSender) {
     EXPECT_EQ(link.device.get_sender_inet_addr().to_s(), other.address());
 }
 
+// What reaches the handler, with the device's sender text as it stood for
+// each frame.
+struct SenderRecorder : FrameRecorder {
+    void on_frame(vostrelka::net_device::NetDevice& device, const NetFrame& frame) override {
+        FrameRecorder::on_frame(device, frame);
+        senders.push_back(static_cast<NetDeviceUDP&>(device).get_sender_inet_addr().to_s());
+    }
+    std::vector<std::string> senders;
+};
+
+// Datagrams waiting together are taken in one readable event, up to
+// READ_BATCH of them, and come out as if read one by one: in arrival order,
+// each with its own sender, the too long and the header-only ones dropped
+// in their places. The rest waits for the next event.
+template <typename Device>
+void expect_batch_read_in_arrival_order(const std::function<Bytes(const RecordedFrame&)>& wire, size_t too_long,
+                                        const Bytes& no_frame) {
+    Link<Device> link;
+    SenderRecorder recorder;
+    link.device.set_handler(&recorder);
+    UdpEndpoint other;
+    const unsigned count = Device::READ_BATCH + 4;
+    Frames sent;
+    std::vector<std::string> senders;
+    for (unsigned i = 0; i < count; ++i) {
+        UdpEndpoint& from = i % 3 == 0 ? other : link.peer;
+        Bytes datagram;
+        if (i == 5) {
+            datagram = Bytes(too_long, 0x42);
+        } else if (i == 9) {
+            datagram = no_frame;
+        } else {
+            sent.push_back({7, static_cast<uint8_t>(i), 2, {static_cast<uint8_t>(i), 0x42, 0x55}});
+            senders.push_back(from.address());
+            datagram = wire(sent.back());
+        }
+        ASSERT_TRUE(from.send_to(bound_port_of(link.device.get_socket()), datagram));
+    }
+    ASSERT_TRUE(wait_readable(link.device.get_socket()));
+    const std::string output = output_of([&] { link.device.on_event(vostrelka::event_system::EVENT_READABLE); });
+    EXPECT_EQ(output, "WARNING: dropped 1 datagram(s) longer than the " + std::to_string(too_long - 1) +
+                          "-byte receive buffer, the last of " + std::to_string(too_long) + " bytes from " +
+                          link.peer.address() + "\n");
+    const size_t first_batch = Device::READ_BATCH - 2;  // two of the batch carry no frame
+    ASSERT_EQ(recorder.frames, Frames(sent.begin(), sent.begin() + first_batch));
+    EXPECT_EQ(recorder.senders, std::vector<std::string>(senders.begin(), senders.begin() + first_batch));
+    ASSERT_TRUE(wait_readable(link.device.get_socket()));
+    link.device.on_event(vostrelka::event_system::EVENT_READABLE);
+    EXPECT_EQ(recorder.frames, sent);
+    EXPECT_EQ(recorder.senders, senders);
+    EXPECT_EQ(link.device.counters().drops.truncated, 1u);
+}
+
+TEST(NetDeviceUDP, TakesWaitingDatagramsInBatchesInArrivalOrderEachWithItsSender) {
+    auto datagram = [](const RecordedFrame& frame) {
+        Bytes bytes{frame.proto_id, frame.src, frame.dst};
+        bytes.insert(bytes.end(), frame.payload.begin(), frame.payload.end());
+        return bytes;
+    };
+    expect_batch_read_in_arrival_order<NetDeviceUDP>(datagram, 2052, {9, 1, 2});
+    expect_batch_read_in_arrival_order<NetDeviceUDPSerial>(to_serial_bytes, 4100, {});
+}
+
 TEST(NetDeviceUDPSerial, SendsOneEncodedFramePerDatagramWhileItFits) {
     Link<NetDeviceUDPSerial> link;
     ASSERT_EQ(link.device.send_raw(make_frame(8, 1, 2, SMALL_PAYLOAD)), 0);

@@ -31,12 +31,22 @@ bool address_taken(const InetAddress& address) {
 
 }  // namespace
 
+// The receive slots are not cleared: a slot is read only after a datagram
+// was written into it, and pages no datagram reached stay untouched.
 NetDeviceUDP::NetDeviceUDP(unsigned long buffer_size, unsigned char address_)
     : NetDevice(address_),
       tx_storage(std::make_unique<uint8_t[]>(buffer_size + HEADER_SIZE)),
-      rx_storage(std::make_unique<uint8_t[]>(buffer_size + HEADER_SIZE)),
+      rx_storage(new uint8_t[READ_BATCH * (buffer_size + HEADER_SIZE)]),
       tx_buffer(tx_storage.get(), 0, buffer_size + HEADER_SIZE),
-      rx_buffer(rx_storage.get(), 0, buffer_size + HEADER_SIZE) {}
+      rx_buffer(rx_storage.get(), 0, buffer_size + HEADER_SIZE),
+      slot_size(buffer_size + HEADER_SIZE) {
+    for (unsigned i = 0; i < READ_BATCH; ++i) {
+        rx_vectors[i] = iovec{rx_storage.get() + i * slot_size, slot_size};
+        rx_messages[i].msg_hdr.msg_iov = &rx_vectors[i];
+        rx_messages[i].msg_hdr.msg_iovlen = 1;
+        rx_messages[i].msg_hdr.msg_name = &rx_senders[i];
+    }
+}
 
 NetDeviceUDP::~NetDeviceUDP() {
     if (socket_fd != -1) ::close(socket_fd);
@@ -136,32 +146,47 @@ bool NetDeviceUDP::count_datagram_sent(const Frame& frame, ssize_t sent) {
     return true;
 }
 
+int NetDeviceUDP::receive_batch() {
+    for (unsigned i = 0; i < READ_BATCH; ++i) rx_messages[i].msg_hdr.msg_namelen = sizeof(sockaddr_in);
+    return ::recvmmsg(socket_fd, rx_messages, READ_BATCH, MSG_TRUNC | MSG_DONTWAIT, nullptr);
+}
+
+ssize_t NetDeviceUDP::take_datagram(int index, const sockaddr_in*& sender) {
+    const ssize_t received = rx_messages[index].msg_len;
+    rx_buffer.data = static_cast<unsigned char*>(rx_vectors[index].iov_base);
+    if (received <= static_cast<ssize_t>(slot_size)) rx_buffer.size = static_cast<uint64_t>(received);
+    sender = &rx_senders[index];
+    return received;
+}
+
 void NetDeviceUDP::do_read() {
-    sockaddr_in sender{};
-    socklen_t sender_size = sizeof(sender);
-    const ssize_t received = ::recvfrom(socket_fd, rx_buffer.data, rx_buffer.capacity, MSG_TRUNC,
-                                        reinterpret_cast<::sockaddr*>(&sender), &sender_size);
-    const int error = received < 0 ? errno : 0;
-    if (received > 0) counts.bytes_in += static_cast<uint64_t>(received);
-
-    // Taken even from a failed read, whose sender is all zero and so gets
-    // logged.
-    take_sender(sender);
-
-    if (received > static_cast<ssize_t>(rx_buffer.capacity)) {
-        drop_truncated(received);
-    } else if (received > static_cast<ssize_t>(HEADER_SIZE)) {
-        // Deliberate and kept: a datagram of header only is dropped, so an
-        // empty payload cannot be received here although send_raw sends one.
-        rx_buffer.size = static_cast<uint64_t>(received);
-        Frame frame;
-        frame.proto_id = rx_buffer[0];
-        frame.src = rx_buffer[1];
-        frame.dst = rx_buffer[2];
-        frame.payload = ConstSlice<unsigned char>(rx_buffer.data + HEADER_SIZE, rx_buffer.size - HEADER_SIZE);
-        deliver(frame);
-    } else if (received < 0 && error != EAGAIN) {
-        debug("NetDeviceUDP: read failed with error %d", error);
+    const int count = receive_batch();
+    if (count < 0) {
+        const int error = errno;
+        // Taken even from a failed read, whose sender is all zero and so
+        // gets logged.
+        take_sender(sockaddr_in{});
+        if (error != EAGAIN) debug("NetDeviceUDP: read failed with error %d", error);
+        return;
+    }
+    for (int i = 0; i < count; ++i) {
+        const sockaddr_in* sender = nullptr;
+        const ssize_t received = take_datagram(i, sender);
+        counts.bytes_in += static_cast<uint64_t>(received);
+        take_sender(*sender);
+        if (received > static_cast<ssize_t>(rx_buffer.capacity)) {
+            drop_truncated(received);
+        } else if (received > static_cast<ssize_t>(HEADER_SIZE)) {
+            // Deliberate and kept: a datagram of header only is dropped, so
+            // an empty payload cannot be received here although send_raw
+            // sends one.
+            Frame frame;
+            frame.proto_id = rx_buffer[0];
+            frame.src = rx_buffer[1];
+            frame.dst = rx_buffer[2];
+            frame.payload = ConstSlice<unsigned char>(rx_buffer.data + HEADER_SIZE, rx_buffer.size - HEADER_SIZE);
+            deliver(frame);
+        }
     }
 }
 

@@ -7,10 +7,19 @@
 //   2       1     dst
 //   3       n     payload
 //
-// Memory: two (buffer_size + 3)-byte arrays, allocated once at construction.
-// Every frame goes to one fixed destination; the sender of the last datagram
-// is remembered so that the gateway can learn where its peers are.
+// Memory, allocated once at construction: a (buffer_size + 3)-byte transmit
+// array and READ_BATCH receive slots of that size. Every frame goes to one
+// fixed destination; the sender of the last datagram is remembered so that
+// the gateway can learn where its peers are.
+//
+// A readable socket is read with one recvmmsg() of up to READ_BATCH
+// datagrams, and their frames are delivered one datagram after the other in
+// arrival order, each with its own sender, exactly as if read one by one. A
+// pass of the loop then goes on to the next device: a flooded socket costs
+// the others at most one batch of waiting.
+#include <netinet/in.h>
 #include <sys/select.h>
+#include <sys/socket.h>
 #include <sys/types.h>
 
 #include <cstdint>
@@ -27,6 +36,8 @@ namespace net_device {
 class NetDeviceUDP : public NetDevice {
 public:
     static constexpr uint64_t HEADER_SIZE = 3;
+    // Datagrams taken per readable event, at most.
+    static constexpr unsigned READ_BATCH = 32;
 
     // Allocates the buffers; opens nothing until create_socket().
     NetDeviceUDP(unsigned long buffer_size, unsigned char address);
@@ -48,16 +59,25 @@ public:
 
     bool is_fd_set(fd_set* set) override;
     void register_fd(fd_set* read_set, fd_set* write_set, fd_set* except_set) override;
-    // Reads one datagram when readable. Sending never waits for the socket.
+    // Reads what is waiting, up to READ_BATCH datagrams, when readable.
+    // Sending never waits for the socket.
     void on_event(uint8_t events) override;
     int send_raw(const Frame& frame) override;
-    // Reads one datagram and delivers the frames it carries.
+    // Reads up to READ_BATCH datagrams and delivers the frames they carry.
     virtual void do_read();
 
     // At most one warning about datagrams too long to take per this period.
     static constexpr int64_t TRUNCATION_WARNING_PERIOD_US = 10000000;
 
 protected:
+    // One recvmmsg() into the receive slots: the number of datagrams taken,
+    // or -1 with errno set. Lengths are as MSG_TRUNC reports them, so one
+    // longer than a slot shows up as such.
+    int receive_batch();
+    // Datagram `index` of the last batch: rx_buffer is pointed at its slot
+    // (its length set when it fit) and its sender is returned.
+    ssize_t take_datagram(int index, const sockaddr_in*& sender);
+
     // The sender of the datagram just read becomes the sender address; its
     // text is made only for a sender other than the last one.
     void take_sender(const sockaddr_in& sender);
@@ -73,13 +93,20 @@ protected:
 
     int socket_fd = -1;
     std::unique_ptr<uint8_t[]> tx_storage;
-    std::unique_ptr<uint8_t[]> rx_storage;
+    std::unique_ptr<uint8_t[]> rx_storage;  // READ_BATCH slots
     Slice<unsigned char> tx_buffer;
+    // The slot of the datagram being taken in; one slot's capacity.
     Slice<unsigned char> rx_buffer;
     InetAddress destination_address;
     std::optional<InetAddress> sender_address{std::in_place};
     int64_t next_truncation_warning_us = 0;
     uint64_t truncated_since_warning = 0;
+
+private:
+    uint64_t slot_size;
+    mmsghdr rx_messages[READ_BATCH]{};
+    iovec rx_vectors[READ_BATCH]{};
+    sockaddr_in rx_senders[READ_BATCH]{};
 };
 
 }  // namespace net_device

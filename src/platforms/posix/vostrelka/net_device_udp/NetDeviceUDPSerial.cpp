@@ -47,20 +47,22 @@ int NetDeviceUDPSerial::send_raw(const Frame& frame) {
 // A datagram too long for the buffer is dropped whole: fed in part, it
 // would leave the decoder in the middle of a frame whose rest never comes.
 void NetDeviceUDPSerial::do_read() {
-    sockaddr_in sender{};
-    socklen_t sender_size = sizeof(sender);
-    const ssize_t received = ::recvfrom(socket_fd, rx_buffer.data, rx_buffer.capacity, MSG_TRUNC,
-                                        reinterpret_cast<::sockaddr*>(&sender), &sender_size);
-    if (received >= 0) take_sender(sender);
-    if (received > static_cast<ssize_t>(rx_buffer.capacity)) {
+    const int count = receive_batch();
+    if (count < 0) {
+        if (errno != EAGAIN) debug_tagged(LOG_TAG, "ERROR: read failed with error %d", errno);
+        return;
+    }
+    for (int i = 0; i < count; ++i) {
+        const sockaddr_in* sender = nullptr;
+        const ssize_t received = take_datagram(i, sender);
+        take_sender(*sender);
+        if (received == 0) continue;
         counts.bytes_in += static_cast<uint64_t>(received);
-        drop_truncated(received);
-    } else if (received >= 1) {
-        counts.bytes_in += static_cast<uint64_t>(received);
-        rx_buffer.size = static_cast<uint64_t>(received);
-        encoder.decode(ConstSlice<unsigned char>(rx_buffer), counts.serial);
-    } else if (received < 0 && errno != EAGAIN) {
-        debug_tagged(LOG_TAG, "ERROR: read failed with error %d", errno);
+        if (received > static_cast<ssize_t>(rx_buffer.capacity)) {
+            drop_truncated(received);
+        } else {
+            encoder.decode(ConstSlice<unsigned char>(rx_buffer), counts.serial);
+        }
     }
 }
 
