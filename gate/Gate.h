@@ -209,7 +209,9 @@ private:
     int64_t next_can_retry_us = 0;
     ArrayListAlloc<event_system::EventLoopEntry*, MAX_EVENT_LOOP_ENTRIES> event_loop_entries;
     ArrayListAlloc<event_system::EventLoopEntry*, MAX_INTERNAL_ENTRIES> own_entries;
-    // A finished lookup wakes the loop and its answer is taken at once.
+    // The gateway's own resolver pool: a finished lookup wakes this loop
+    // and its answer is taken at once. The pool never waits for a lookup
+    // when it goes, and the resolvers of the peers may outlive it.
     ResolverWakeUp resolver_wake_up{[this] { collect_resolutions(); }};
     Interfaces ifaces;
     LocalPeers local_peers;

@@ -169,7 +169,7 @@ bool Gate::add_manet_peer(Interface& iface, uint32_t manet_addr, uint8_t local_a
     link.inet_addr = std::move(inet_addr);
     link.last_seen = static_cast<uint64_t>(time_us());
     link.origin = origin;
-    if (link.resolver) link.resolver->start();
+    if (link.resolver) link.resolver->start(resolver_wake_up.pool());
     if (table_line_admitted()) {
         debug("add MANet peer on iface %u: %s", iface.id, full_addr_s_manet(manet_addr, link).c_str());
     }

@@ -37,10 +37,11 @@ TEST(ResolverTest, ResolvesNumericHostsAndLocalhostOnTheFirstAttempt) {
     const std::pair<HostPort, const char*> cases[] = {{{"10.0.0.2", "5000"}, "10.0.0.2:5000"},
                                                       {{"127.1", "0080"}, "127.0.0.1:80"},
                                                       {{"localhost", "14550"}, "127.0.0.1:14550"}};
+    ResolverPool pool;
     for (const auto& [endpoint, text] : cases) {
         AddressResolver resolver(endpoint, false);
         EXPECT_FALSE(resolver.get_resolved_address().has_value()) << "nothing before start";
-        resolver.start();
+        resolver.start(pool);
         std::optional<InetAddress> address;
         for (const int64_t deadline = time_us() + 10'000'000; !address && time_us() < deadline; sleep_us(1000))
             if (resolver.finished()) address = resolver.get_resolved_address();
@@ -62,9 +63,10 @@ TEST(ResolverTest, UnresolvableEndpointWarnsAboutOnceASecondAndNeverFinishes) {
         const std::string reason = gai_strerror(error);
 
         test_support::StdoutCapture capture;
+        ResolverPool pool;
         auto resolver = std::make_unique<AddressResolver>(endpoint, false);
         for (size_t warnings : {1, 3}) {
-            resolver->start();
+            resolver->start(pool);
             ASSERT_TRUE(capture.wait_for([&](const Lines& l) { return warnings_about(l, endpoint).size() >= warnings; },
                                          std::chrono::seconds(8)));
         }
@@ -101,20 +103,29 @@ bool readable(int fd, int timeout_ms) {
 }
 
 // However many names fail at once, the pool keeps to its few threads, every
-// name keeps being retried, and an answer wakes the main loop's descriptor,
-// which a drain empties again.
-TEST(ResolverTest, ManyFailingNamesShareThePoolAndAnAnswerWakesTheLoop) {
-    ResolverPool& pool = ResolverPool::instance();
-    ASSERT_GE(pool.wake_fd(), 0);
-    pool.drain_wake_fd();
-
+// name keeps being retried, and an answer wakes its own pool's descriptor
+// (not another pool's), which a drain empties again. A pool that goes
+// while its names are still being tried returns at once, its workers end,
+// and its resolvers may outlive it.
+TEST(ResolverTest, ManyFailingNamesShareThePoolAndAnAnswerWakesItsLoop) {
     test_support::StdoutCapture capture;
-    // The test's own threads (a sanitizer may add one) besides the pool's.
-    const int others = threads_of_this_process() - pool.thread_count();
+    // The test's own threads (a sanitizer may add one), once the workers of
+    // earlier tests' pools have ended.
+    int others = threads_of_this_process();
+    for (int settled = 0; settled < 10; sleep_us(10'000)) {
+        const int now = threads_of_this_process();
+        settled = now == others ? settled + 1 : 0;
+        others = now;
+    }
+    auto owned = std::make_unique<ResolverPool>();
+    ResolverPool& pool = *owned;
+    ResolverPool other;
+    ASSERT_GE(pool.wake_fd(), 0);
+
     std::vector<std::unique_ptr<AddressResolver>> failing;
     for (int i = 0; i < 200; i++) {
         failing.push_back(std::make_unique<AddressResolver>(HostPort{"127.0.0." + std::to_string(i), "xyz80"}, false));
-        failing.back()->start();
+        failing.back()->start(pool);
     }
     const HostPort first{"127.0.0.0", "xyz80"}, last{"127.0.0.199", "xyz80"};
     ASSERT_TRUE(capture.wait_for(
@@ -126,17 +137,27 @@ TEST(ResolverTest, ManyFailingNamesShareThePoolAndAnAnswerWakesTheLoop) {
     EXPECT_FALSE(readable(pool.wake_fd(), 0)) << "failures wake nobody";
 
     AddressResolver local({"localhost", "5000"}, false);
-    local.start();
+    local.start(pool);
     ASSERT_TRUE(readable(pool.wake_fd(), 10000));
+    EXPECT_FALSE(readable(other.wake_fd(), 0));
     EXPECT_TRUE(local.finished());
     EXPECT_EQ(local.get_resolved_address()->to_s(), "127.0.0.1:5000");
     pool.drain_wake_fd();
     EXPECT_FALSE(readable(pool.wake_fd(), 0));
 
-    const int64_t begin = time_us();
-    failing.clear();
-    EXPECT_LT(time_us() - begin, 100'000) << "destruction never waits for a lookup";
+    int64_t begin = time_us();
+    failing.resize(100);
+    EXPECT_LT(time_us() - begin, 100'000) << "a resolver never waits for a lookup";
     EXPECT_EQ(pool.thread_count(), threads);
+
+    begin = time_us();
+    owned.reset();
+    EXPECT_LT(time_us() - begin, 100'000) << "nor does its pool";
+    bool ended = false;
+    for (const int64_t deadline = time_us() + 5'000'000; !ended && time_us() < deadline; sleep_us(10'000))
+        ended = threads_of_this_process() == others;
+    EXPECT_TRUE(ended) << "the pool's workers end once their lookups return";
+    failing.clear();
 }
 
 }  // namespace

@@ -214,8 +214,9 @@ TEST_F(DnsScenarios, AThousandUnresolvableNamesAddNoThreads) {
     const int threads = threads_of(gate->pid());
     EXPECT_EQ(threads, 1 + vostrelka::ResolverPool::POOL_SIZE);
     // The hundred announced names keep only the last 16 links, the cap said once.
-    EXPECT_TRUE(gate->wait_for_line("WARNING: 16 MANet links announced by device_config, the most kept: a new one "
-                                    "now replaces the one seen longest ago"))
+    EXPECT_TRUE(
+        gate->wait_for_line("WARNING: 16 MANet links announced by device_config, the most kept: a new one "
+                            "now replaces the one seen longest ago"))
         << gate->log();
     send_frame(7, 0x20, {7, 8, 9});
     EXPECT_EQ(receiver.receive(3000), (Bytes{7, 0x10, 0x20, 7, 8, 9})) << "the gate still forwards";
@@ -275,7 +276,7 @@ TEST_F(DnsScenarios, ReplacingTheUtmHostNeverStallsForwarding) {
 // Twenty names whose answers (and NXDOMAINs) come about a second after the
 // query, a little earlier or later, for DNS_JITTER_S seconds (60 by default):
 // in the gate, with the UTM host changing among them, and in this process,
-// resolvers made and dropped in the middle of their lookups. Built with
+// resolvers and pools made and dropped in the middle of their lookups. Built with
 // sanitizers, this is the race check of the resolver's threads.
 TEST_F(DnsScenarios, JitteringAnswersNeverCrashAnything) {
     set_resolver_options("timeout:2 attempts:1");  // replies come in, close to the 1 s retry
@@ -290,19 +291,23 @@ TEST_F(DnsScenarios, JitteringAnswersNeverCrashAnything) {
     }
     start_gate(names);
 
+    // Pools too are replaced in the middle of lookups, and their resolvers outlive them.
+    auto pool = std::make_unique<vostrelka::ResolverPool>();
     std::vector<std::unique_ptr<vostrelka::AddressResolver>> resolvers(names.size());
     std::set<size_t> resolved_here;
     std::mt19937 random(4);
     for (int64_t begin = time_us(), round = 0; time_us() < begin + run_us; round++) {
         const size_t i = random() % names.size();
         resolvers[i] = std::make_unique<vostrelka::AddressResolver>(vostrelka::HostPort{names[i], "7000", 7000}, false);
-        resolvers[i]->start();
+        resolvers[i]->start(*pool);
+        if (round % 20 == 19) pool = std::make_unique<vostrelka::ResolverPool>();
         for (size_t k = 0; k < resolvers.size(); k++)
             if (resolvers[k] && resolvers[k]->finished() && resolvers[k]->get_resolved_address())
                 resolved_here.insert(k);
         if (round % 5 == 0) send_frame(8, 0x30, device_config(0x0C000002, names[random() % names.size()].c_str()));
         std::this_thread::sleep_for(milliseconds(150));
     }
+    pool.reset();
     resolvers.clear();
 
     EXPECT_EQ(gate->wait_exit(milliseconds(0)), std::nullopt) << "the gate still runs: " << gate->log();

@@ -17,45 +17,48 @@ namespace {
 constexpr const char* TAG = "Resolver";
 }
 
-ResolverPool& ResolverPool::instance() {
-    // Deliberately leaked: a static object would be destroyed at exit under
-    // workers that may still be running.
-    static ResolverPool* pool = new ResolverPool();
-    return *pool;
+ResolverQueue::ResolverQueue() : wake_fd_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
+
+// Runs on whichever side lets go last, a worker included: nobody can write
+// to the descriptor any more.
+ResolverQueue::~ResolverQueue() {
+    if (wake_fd_ >= 0) ::close(wake_fd_);
 }
 
-ResolverPool::ResolverPool() : wake_fd_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
-
-void ResolverPool::submit(const std::shared_ptr<ResolverJob>& job) {
+void ResolverQueue::submit(const std::shared_ptr<ResolverJob>& job) {
     std::lock_guard<std::mutex> lock(mutex);
+    if (closed) return;
     enqueue(job, time_us());
     start_worker_if_needed();
     work_ready.notify_one();
 }
 
-void ResolverPool::withdraw(const std::shared_ptr<ResolverJob>& job) {
+void ResolverQueue::withdraw(const std::shared_ptr<ResolverJob>& job) {
     job->stop.store(true);
     std::lock_guard<std::mutex> lock(mutex);
     if (job->queued) dequeue(*job);
 }
 
-void ResolverPool::drain_wake_fd() const {
-    uint64_t count = 0;
-    if (wake_fd_ >= 0) (void)!read(wake_fd_, &count, sizeof(count));
+void ResolverQueue::close() {
+    std::lock_guard<std::mutex> lock(mutex);
+    closed = true;
+    for (auto& entry : queue) entry.second->queued = false;
+    queue.clear();
+    work_ready.notify_all();
 }
 
-int ResolverPool::thread_count() {
+int ResolverQueue::thread_count() {
     std::lock_guard<std::mutex> lock(mutex);
     return threads;
 }
 
-void ResolverPool::enqueue(const std::shared_ptr<ResolverJob>& job, int64_t due_us) {
+void ResolverQueue::enqueue(const std::shared_ptr<ResolverJob>& job, int64_t due_us) {
     job->due_us = due_us;
     job->queued = true;
     queue.emplace(due_us, job);
 }
 
-void ResolverPool::dequeue(ResolverJob& job) {
+void ResolverQueue::dequeue(ResolverJob& job) {
     auto [first, last] = queue.equal_range(job.due_us);
     for (auto it = first; it != last; ++it) {
         if (it->second.get() == &job) {
@@ -68,11 +71,12 @@ void ResolverPool::dequeue(ResolverJob& job) {
 
 // Called with the lock held. One more worker while jobs outnumber the idle
 // ones; a worker that cannot be started is tried again with the next job,
-// and the ones already running carry the queue meanwhile.
-void ResolverPool::start_worker_if_needed() {
+// and the ones already running carry the queue meanwhile. Each worker holds
+// the queue, which therefore outlives the pool while a lookup runs.
+void ResolverQueue::start_worker_if_needed() {
     if (threads >= POOL_SIZE || queue.size() <= static_cast<size_t>(idle)) return;
     try {
-        std::thread worker([this] { work(); });
+        std::thread worker([self = shared_from_this()] { self->work(); });
         pthread_setname_np(worker.native_handle(), "gate-resolver");
         worker.detach();
         ++threads;
@@ -80,9 +84,13 @@ void ResolverPool::start_worker_if_needed() {
     }
 }
 
-void ResolverPool::work() {
+void ResolverQueue::work() {
     std::unique_lock<std::mutex> lock(mutex);
     for (;;) {
+        if (closed) {
+            --threads;
+            return;
+        }
         if (queue.empty()) {
             ++idle;
             work_ready.wait(lock);
@@ -113,12 +121,12 @@ void ResolverPool::work() {
         }
         lock.lock();
 
-        if (!answered && !job->stop.load()) enqueue(job, time_us() + RETRY_PERIOD_US);
+        if (!answered && !job->stop.load() && !closed) enqueue(job, time_us() + RETRY_PERIOD_US);
     }
 }
 
 // One lookup. True when the job has its answer.
-bool ResolverPool::attempt(ResolverJob& job) {
+bool ResolverQueue::attempt(ResolverJob& job) {
     addrinfo* result = nullptr;
     const int error = getaddrinfo(job.host.c_str(), job.port_str.c_str(), &job.hints, &result);
     if (error == 0 && result != nullptr) {
@@ -138,6 +146,11 @@ bool ResolverPool::attempt(ResolverJob& job) {
                      job.failure.load());
     }
     return false;
+}
+
+void ResolverPool::drain_wake_fd() const {
+    uint64_t count = 0;
+    if (wake_fd() >= 0) (void)!read(wake_fd(), &count, sizeof(count));
 }
 
 }  // namespace vostrelka

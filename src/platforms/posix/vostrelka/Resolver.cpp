@@ -15,10 +15,10 @@ AddressResolver::AddressResolver(HostPort host_port, bool blocking)
       blocking(blocking) {}
 
 AddressResolver::~AddressResolver() {
-    if (job) ResolverPool::instance().withdraw(job);
+    if (job) jobs->withdraw(job);
 }
 
-void AddressResolver::start() {
+void AddressResolver::start(ResolverPool& pool) {
     if (blocking) {
         // No caller uses this mode; it keeps retrying without a pause and
         // never releases its answer.
@@ -34,7 +34,8 @@ void AddressResolver::start() {
     job->host = host;
     job->port_str = port_str;
     job->hints = get_hints(HostPort{host, port_str, port});
-    ResolverPool::instance().submit(job);
+    jobs = pool.jobs();
+    jobs->submit(job);
 }
 
 bool AddressResolver::finished() const {

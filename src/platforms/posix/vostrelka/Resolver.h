@@ -1,7 +1,7 @@
 #pragma once
 // Resolves a HostPort in the background, retrying once a second until it
 // gets an answer or is destroyed. Polled without blocking; the lookups run
-// on the process's ResolverPool.
+// on the ResolverPool it is started on.
 #include <netdb.h>
 
 #include <memory>
@@ -14,6 +14,8 @@
 namespace vostrelka {
 
 struct ResolverJob;
+class ResolverPool;
+class ResolverQueue;
 
 class AddressResolver {
 public:
@@ -24,7 +26,8 @@ public:
     AddressResolver(const AddressResolver&) = delete;
     AddressResolver& operator=(const AddressResolver&) = delete;
 
-    void start();
+    // The lookup runs on `pool`'s workers; the pool may go first.
+    void start(ResolverPool& pool);
     bool finished() const;
     std::optional<InetAddress> get_resolved_address();
     std::string to_s() const;  // host + ":" + port_str
@@ -40,7 +43,8 @@ private:
     uint16_t port;
     bool blocking;
     std::optional<InetAddress> resolved_address;
-    std::shared_ptr<ResolverJob> job;  // shared with the pool while it works on it
+    std::shared_ptr<ResolverJob> job;     // shared with the pool while it works on it
+    std::shared_ptr<ResolverQueue> jobs;  // the queue of the pool it was started on
 };
 
 }  // namespace vostrelka
