@@ -8,6 +8,27 @@
 namespace vostrelka {
 namespace event_system {
 
+namespace {
+
+// One more than the highest descriptor in either set, 0 when both are
+// empty: select() then looks at the descriptors the entries hold and no
+// further. The exception set is not handed to select() and does not count.
+int descriptor_limit(const fd_set& read_set, const fd_set& write_set) {
+    // An fd_set is an array of longs, descriptor d at bit d % bits of word
+    // d / bits.
+    constexpr size_t WORDS = sizeof(fd_set) / sizeof(long);
+    constexpr int WORD_BITS = 8 * sizeof(long);
+    const long* read_words = reinterpret_cast<const long*>(&read_set);
+    const long* write_words = reinterpret_cast<const long*>(&write_set);
+    for (size_t i = WORDS; i-- > 0;) {
+        const unsigned long word = static_cast<unsigned long>(read_words[i] | write_words[i]);
+        if (word != 0) return static_cast<int>(i) * WORD_BITS + WORD_BITS - __builtin_clzl(word);
+    }
+    return 0;
+}
+
+}  // namespace
+
 SelectPass::SelectPass(EventLoopEntry* const* entries_, size_t count_, EventLoopEntry* const* own_, size_t own_count_)
     : entries(entries_), count(count_), own(own_), own_count(own_count_) {
     FD_ZERO(&read_set);
@@ -25,9 +46,6 @@ SelectPass::SelectPass(EventLoopEntry* const* entries_, size_t count_, EventLoop
 }
 
 int SelectPass::wait(int64_t max_wait_us, const sigset_t* wait_mask) {
-    // Every descriptor a process may select on, whatever the entries hold:
-    // the call is made the same way in every pass.
-    constexpr int SELECT_FD_LIMIT = 1024;
     int64_t wait_us = max_wait_us < 0 ? 0 : max_wait_us;
     // The clock is read only when a timer needs it.
     if (timer_entry != nullptr) {
@@ -35,7 +53,7 @@ int SelectPass::wait(int64_t max_wait_us, const sigset_t* wait_mask) {
         if (until_deadline_us < wait_us) wait_us = until_deadline_us < 0 ? 0 : until_deadline_us;
     }
     const timespec wait = timespec_from_us(wait_us);
-    ready = pselect(SELECT_FD_LIMIT, &read_set, &write_set, nullptr, &wait, wait_mask);
+    ready = pselect(descriptor_limit(read_set, write_set), &read_set, &write_set, nullptr, &wait, wait_mask);
     return ready;
 }
 

@@ -45,19 +45,31 @@ protected:
     }
 };
 
+// select() is asked about the descriptors up to the highest one an entry
+// holds, so descriptors at the edges of the set's words, and the last one
+// a set can hold, are seen like any other.
 TEST_F(GateLoopTest, ReadyEntriesGetTheirBitsAndTheExceptionBitWheneverAnythingWasReady) {
-    int busy[2], idle[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, busy) | socketpair(AF_UNIX, SOCK_DGRAM, 0, idle), 0);
-    ProbeEntry reader, quiet;
-    reader.fd = busy[0], reader.watch = 0x01;
-    quiet.fd = idle[0], quiet.watch = 0x04;
-    for (ProbeEntry* entry : {&reader, &quiet}) gate.add_event_loop_entry(entry);
-    pass();
-    ASSERT_EQ(write(busy[1], "x", 1), 1);
-    pass();
-    EXPECT_EQ(reader.events, (std::vector<uint8_t>{0x01, 0x03}));
-    EXPECT_EQ(quiet.events, (std::vector<uint8_t>{0x04, 0x04}));
-    for (int fd : {busy[0], busy[1], idle[0], idle[1]}) close(fd);
+    for (int moved_to : {-1, 63, 64, 1023}) {
+        SCOPED_TRACE(moved_to);
+        InProcessGate fresh;
+        int busy[2], idle[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, busy) | socketpair(AF_UNIX, SOCK_DGRAM, 0, idle), 0);
+        if (moved_to >= 0) {
+            ASSERT_EQ(dup2(busy[0], moved_to), moved_to);
+            close(busy[0]);
+            busy[0] = moved_to;
+        }
+        ProbeEntry reader, quiet;
+        reader.fd = busy[0], reader.watch = 0x01;
+        quiet.fd = idle[0], quiet.watch = 0x04;
+        for (ProbeEntry* entry : {&reader, &quiet}) fresh.gate.add_event_loop_entry(entry);
+        log_lines_of([&] { fresh.gate.run_once(0); });
+        ASSERT_EQ(write(busy[1], "x", 1), 1);
+        log_lines_of([&] { fresh.gate.run_once(0); });
+        EXPECT_EQ(reader.events, (std::vector<uint8_t>{0x01, 0x03}));
+        EXPECT_EQ(quiet.events, (std::vector<uint8_t>{0x04, 0x04}));
+        for (int fd : {busy[0], busy[1], idle[0], idle[1]}) close(fd);
+    }
 }
 
 TEST_F(GateLoopTest, OnlyTheLastEntryWithATimerCountsOnceDueAndIfItHandlesTimers) {

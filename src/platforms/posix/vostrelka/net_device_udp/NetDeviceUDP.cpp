@@ -45,6 +45,7 @@ NetDeviceUDP::NetDeviceUDP(unsigned long buffer_size, unsigned char address_)
         rx_messages[i].msg_hdr.msg_iov = &rx_vectors[i];
         rx_messages[i].msg_hdr.msg_iovlen = 1;
         rx_messages[i].msg_hdr.msg_name = &rx_senders[i];
+        rx_messages[i].msg_hdr.msg_namelen = sizeof(sockaddr_in);
     }
 }
 
@@ -146,9 +147,13 @@ bool NetDeviceUDP::count_datagram_sent(const Frame& frame, ssize_t sent) {
     return true;
 }
 
+// recvmmsg() rewrites the address length of the messages it filled, and
+// only of those.
 int NetDeviceUDP::receive_batch() {
-    for (unsigned i = 0; i < READ_BATCH; ++i) rx_messages[i].msg_hdr.msg_namelen = sizeof(sockaddr_in);
-    return ::recvmmsg(socket_fd, rx_messages, READ_BATCH, MSG_TRUNC | MSG_DONTWAIT, nullptr);
+    for (int i = 0; i < last_batch; ++i) rx_messages[i].msg_hdr.msg_namelen = sizeof(sockaddr_in);
+    const int count = ::recvmmsg(socket_fd, rx_messages, READ_BATCH, MSG_TRUNC | MSG_DONTWAIT, nullptr);
+    last_batch = count < 0 ? 0 : count;
+    return count;
 }
 
 ssize_t NetDeviceUDP::take_datagram(int index, const sockaddr_in*& sender) {

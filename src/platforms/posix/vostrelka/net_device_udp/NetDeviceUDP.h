@@ -107,6 +107,7 @@ private:
     mmsghdr rx_messages[READ_BATCH]{};
     iovec rx_vectors[READ_BATCH]{};
     sockaddr_in rx_senders[READ_BATCH]{};
+    int last_batch = 0;  // datagrams the last receive_batch() took
 };
 
 }  // namespace net_device
