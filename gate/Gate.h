@@ -32,6 +32,7 @@
 namespace vostrelka {
 
 class ControlServer;
+struct GateConfig;
 class RunnerHandler;
 namespace manet {
 struct MAPacket;
@@ -156,10 +157,9 @@ public:
 
 private:
     bool parse_config(std::string&& text);
-    bool parse_ifaces(json& ifaces);
-    bool parse_local_peers(json& peers);
-    bool parse_manet_peers(json& peers);
-    void parse_rfmodem_config(Interface& iface, const json& config);
+    bool apply_config(const GateConfig& config);
+    // The device of a configured interface; ends the process when none can be made.
+    std::shared_ptr<net_device::NetDevice> make_device(const std::string& description);
 
     void run_pass(event_system::SelectPass& pass);
     // The watchdog and the retry of lost links, between passes.
@@ -177,7 +177,6 @@ private:
                              const std::optional<InetAddress>& from_inet);
     void handle_service_frame(const net_device::Frame& frame);
     void handle_device_config(const tessera::MessageInfo& info);
-    void parse_control(const json& control);
     void open_control();
     std::string stats_json() const;
     std::string peers_json() const;
