@@ -10,7 +10,7 @@ include(GNUInstallDirs)
 # from the same sources (-n: no name or time stamp in the gzip header).
 set(GATE_PACKAGING_DIR ${CMAKE_BINARY_DIR}/packaging)
 set(GATE_COMPRESSED_DOCS)
-foreach(source packaging/man/gate.1 packaging/man/gatecat.1 packaging/debian/changelog)
+foreach(source packaging/man/gate.1 packaging/man/gatecat.1 packaging/man/gate-check.1 packaging/debian/changelog)
   get_filename_component(name ${source} NAME)
   if(name STREQUAL "changelog")
     set(name changelog.Debian)
@@ -25,8 +25,8 @@ foreach(source packaging/man/gate.1 packaging/man/gatecat.1 packaging/debian/cha
 endforeach()
 add_custom_target(gate_compressed_docs ALL DEPENDS ${GATE_COMPRESSED_DOCS})
 
-install(TARGETS gate gatecat RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(FILES ${GATE_PACKAGING_DIR}/gate.1.gz ${GATE_PACKAGING_DIR}/gatecat.1.gz
+install(TARGETS gate gatecat gate-check RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(FILES ${GATE_PACKAGING_DIR}/gate.1.gz ${GATE_PACKAGING_DIR}/gatecat.1.gz ${GATE_PACKAGING_DIR}/gate-check.1.gz
         DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES ${GATE_PACKAGING_DIR}/changelog.Debian.gz ${CMAKE_SOURCE_DIR}/packaging/debian/copyright
         DESTINATION ${CMAKE_INSTALL_DOCDIR})
@@ -71,7 +71,8 @@ and to a MANet of other gateways over UDP. It learns where each device
 lives and forwards every frame where its destination requires. gatecat
 sends and watches frames on the same interfaces, asks a running gateway
 for its counters, tables and traffic, and writes captures that Wireshark
-reads with the dissector the package installs.")
+reads with the dissector the package installs. gate-check checks a
+configuration file before the gateway starts on it.")
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)

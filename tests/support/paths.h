@@ -10,5 +10,8 @@ inline std::string gate_binary() {
 inline std::string gatecat_binary() {
     return GATECAT_BINARY_PATH;
 }
+inline std::string gate_check_binary() {
+    return GATE_CHECK_BINARY_PATH;
+}
 
 }  // namespace test_support
