@@ -1,5 +1,6 @@
 # Front door of the project. Every target sets up what it needs first.
-#   make run       build the gateway alone and start it on the bundled example
+#   make run       build the gateway and gatecat and start the gateway on the
+#                  bundled example
 #   make test      build and run every test
 #   make sanitize  the same under AddressSanitizer + UndefinedBehaviorSanitizer
 #   make tsan      the threaded parts under ThreadSanitizer
@@ -21,7 +22,7 @@ EXAMPLE ?= examples/loopback.json
 all: build
 
 deps:
-	@scripts/install-deps
+	@scripts/install-deps test
 
 # $(1) build folder, $(2) extra cmake flags, $(3) targets (all when empty)
 define configure_and_build
@@ -30,12 +31,15 @@ define configure_and_build
 endef
 
 build: deps
-	$(call configure_and_build,$(BUILD),)
+	$(call configure_and_build,$(BUILD),-DBUILD_TESTING=ON -DGATE_BENCH=ON)
 
-# Only the gateway and the libraries it links: a first start from a fresh
-# clone does not wait for the tests, benchmarks and fuzz replays.
-run: deps
-	$(call configure_and_build,$(BUILD),,gate)
+# Only the gateway, gatecat and the libraries they link, and only the
+# packages they need: a first start from a fresh clone does not wait for the
+# tests, benchmarks and fuzz replays or their libraries. A build folder made
+# by `make build` keeps its tests (their libraries are installed then).
+run:
+	@scripts/install-deps run
+	$(call configure_and_build,$(BUILD),$(if $(wildcard $(BUILD)/CMakeCache.txt),,-DBUILD_TESTING=OFF -DGATE_BENCH=OFF),gate gatecat)
 	$(BUILD)/bin/gate --config $(EXAMPLE) --debug 3
 
 test: build
