@@ -74,13 +74,16 @@ std::string manet_peer(const char* manet_addr, const char* netdev_addr) {
 }
 
 // The example the package installs in /etc/gate, on ports of the system's
-// choosing so that it runs beside anything else.
+// choosing and with its control socket in a folder of the test's instead of
+// the unit's /run/gate/example/, so that it runs beside anything else.
 std::string shipped_example() {
+    static const test_support::TempDir run_dir;
     std::ifstream file(TEST_SOURCE_DIR "/../packaging/etc/example.json");
     std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-    for (const std::string port : {"127.0.0.1:7001\"", "127.0.0.1:7002\""}) {
+    for (const std::string port : {"127.0.0.1:7001\"", "127.0.0.1:7002\"", "\"/run/gate/example"}) {
         const size_t at = text.find(port);
-        if (at != std::string::npos) text.replace(at, port.size(), "127.0.0.1:0\"");
+        if (at != std::string::npos)
+            text.replace(at, port.size(), port[0] == '"' ? "\"" + run_dir.path() : "127.0.0.1:0\"");
     }
     return text;
 }

@@ -1,5 +1,6 @@
 // Captures of `gatecat dump -w`, read back by the real tshark with the
-// gateway's Lua dissector: every frame kind shows its decoded fields.
+// gateway's Lua dissector: every frame kind shows its decoded fields, and a
+// capture on standard output streams into tshark frame by frame.
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -81,6 +82,55 @@ TEST(GatecatCapture, WiresharkShowsTheFieldsOfEveryFrameKind) {
     for (const std::string& tree : gate_trees(dir.path() + "/udpserial.pcap")) trees.push_back(tree);
     ASSERT_EQ(trees.size(), expected.size());
     for (size_t i = 0; i < expected.size(); i++) EXPECT_EQ(trees[i], expected[i]) << i;
+}
+
+// `gatecat dump -w -` piped into `tshark -r -`, as into `wireshark -k -i -`:
+// each frame shows in tshark before the next is sent, while gatecat still
+// runs, and standard output holds the capture alone (tshark reads it whole).
+TEST(GatecatCapture, WiresharkShowsEachFrameOfACaptureOnStandardOutputAsItComes) {
+    if (!tshark_installed()) GTEST_SKIP() << "tshark is not installed (scripts/install-deps installs it)";
+    const uint16_t port = free_udp_port();
+    int capture[2];
+    ASSERT_EQ(pipe2(capture, O_CLOEXEC), 0);
+    std::unique_ptr<LinePipe> dump_log, shown;
+    struct Children {
+        pid_t dump = -1, tshark = -1;
+        ~Children() {
+            for (pid_t pid : {dump, tshark})
+                if (pid > 0) kill(pid, SIGKILL), waitpid(pid, nullptr, 0);
+        }
+    } children;
+    children.dump = spawn(gatecat_binary(), {"dump", "-w", "-", "udp://127.0.0.1:" + std::to_string(port)}, -1,
+                          capture[1], pipe_into(dump_log));
+    std::vector<std::string> args = tshark_reading("-");
+    args.insert(args.end(), {"-l", "-T", "fields", "-e", "_ws.col.Info"});
+    children.tshark = spawn(TSHARK, args, capture[0], pipe_into(shown), STDERR_FILENO);
+    const auto lines_at_least = [](size_t n) {
+        return [n](const LinePipe::Seen& seen) { return seen.lines.size() >= n; };
+    };
+    ASSERT_TRUE(dump_log->wait_for(lines_at_least(1), std::chrono::seconds(5))) << dump_log->snapshot().text;
+
+    const std::string from =
+        "udp://127.0.0.1:" + std::to_string(free_udp_port()) + ":127.0.0.1:" + std::to_string(port);
+    const std::vector<std::string> frames = {"07:10>20#DEADBEEF", "0E:30>10#01.09000000.05000000.0000803F.03",
+                                             "09:01>FF#00"};
+    const std::vector<std::string> expected = {"iface 0 in  proto_id 7  0x10 -> 0x20  len 4",
+                                               "iface 0 in  proto_id 14  0x30 -> 0x10  len 14  base_config",
+                                               "iface 0 in  proto_id 9  0x01 -> 0xFF  len 1"};
+    for (size_t i = 0; i < frames.size(); i++) {
+        ASSERT_EQ(run_process_with_input(gatecat_binary(), {"send", from, frames[i]}, "").exit_status, 0);
+        ASSERT_TRUE(shown->wait_for(lines_at_least(i + 1), std::chrono::seconds(30)))
+            << "frame " << i << " not shown while gatecat runs: " << shown->snapshot().text;
+        EXPECT_EQ(shown->snapshot().lines[i].text, expected[i]);
+    }
+    ASSERT_EQ(kill(children.dump, SIGINT), 0);
+    ASSERT_EQ(reap(children.dump, *dump_log, std::chrono::seconds(5)), 0) << dump_log->snapshot().text;
+    children.dump = -1;
+    EXPECT_EQ(dump_log->snapshot().text,
+              "gatecat: listening on udp://127.0.0.1:" + std::to_string(port) + "\ngatecat: 3 frames\n");
+    ASSERT_EQ(reap(children.tshark, *shown, std::chrono::seconds(30)), 0);
+    children.tshark = -1;
+    EXPECT_EQ(shown->snapshot().lines.size(), frames.size());
 }
 
 // A pcap of raw IPv4 packets, each the UDP datagram `payload` to `port`, as

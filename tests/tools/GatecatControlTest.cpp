@@ -94,9 +94,11 @@ const std::string TAP_REQUEST = "{\"request\":\"tap\"}\n";
 
 const std::string STATS_ANSWER =
     R"({"uptime_s":3723.5,"version":"0.1.0","interfaces":[)"
-    R"({"id":1,"description":"udp://127.0.0.1:7001","kind":"udp","frames_in":12,"bytes_in":345,"frames_out":10,)"
+    R"({"id":1,"description":"udp://127.0.0.1:7001","kind":"udp","role":"local","frames_in":12,"bytes_in":345,)"
+    R"("frames_out":10,)"
     R"("bytes_out":300,"decode_errors":{},"drops":{"unroutable":2,"queue_full":0,"truncated":0,"send_error":0}},)"
-    R"({"id":2,"description":"udpserial://127.0.0.1:7002","kind":"udpserial","frames_in":3,"bytes_in":60,)"
+    R"({"id":2,"description":"udpserial://127.0.0.1:7002","kind":"udpserial","role":"manet","frames_in":3,)"
+    R"("bytes_in":60,)"
     R"("frames_out":1234567,"bytes_out":98765432,"decode_errors":{"crc":1,"escape":0,"short":2},)"
     R"("drops":{"unroutable":0,"queue_full":0,"truncated":0,"send_error":0}}]})"
     "\n";
@@ -109,30 +111,36 @@ TEST(GatecatControl, StatsAndPeersPrintTheGatewaysAnswerAsTables) {
                {PEERS_REQUEST,
                 R"({"local_peers":[{"addr":"0x10","iface":1,"inet":"127.0.0.1:7101"},{"addr":"0x21","iface":3}],)"
                 R"("manet_links":[{"manet_addr":"0x0A000001","iface":2,"local_addr":"0x02","inet":"10.0.0.1:6000",)"
-                R"("resolver":"gw1.example.net:6000","resolver_state":"resolved","age_s":1.5,"origin":"configured"}]})"
+                R"("resolver":"gw1.example.net:6000","resolver_state":"resolved","reason":null,"age_s":1.5,)"
+                R"("origin":"configured"},{"manet_addr":"0x0A000003","iface":2,"local_addr":"0x03","inet":null,)"
+                R"("resolver":"gw3.example.net:6000","resolver_state":"pending",)"
+                R"("reason":"Name or service not known","age_s":12.5,"origin":"announced"}]})"
                 "\n"}});
     const ProcessResult stats = run_process_with_input(gatecat_binary(), {"stats", path}, "");
     EXPECT_EQ(stats.exit_status, 0) << stats.err;
     EXPECT_EQ(stats.out,
               "gate 0.1.0, up 3723.5 s\n"
-              "iface  kind       frames in  bytes in  frames out  bytes out  description\n"
-              "    1  udp               12       345          10        300  udp://127.0.0.1:7001\n"
-              "    2  udpserial          3        60     1234567   98765432  udpserial://127.0.0.1:7002\n"
+              "iface  kind       role   frames in  bytes in  frames out  bytes out  description\n"
+              "    1  udp        local         12       345          10        300  udp://127.0.0.1:7001\n"
+              "    2  udpserial  manet          3        60     1234567   98765432  udpserial://127.0.0.1:7002\n"
               "\n"
               "iface  decode errors   drops\n"
               "    1  none            unroutable 2\n"
               "    2  crc 1, short 2  none\n");
     const ProcessResult peers = run_process_with_input(gatecat_binary(), {"peers", path}, "");
     EXPECT_EQ(peers.exit_status, 0) << peers.err;
-    EXPECT_EQ(peers.out,
-              "local peers\n"
-              "addr  iface  inet\n"
-              "0x10      1  127.0.0.1:7101\n"
-              "0x21      3  -\n"
-              "\n"
-              "MANet links\n"
-              "manet_addr  iface  local_addr  inet           resolver              state     age s  origin\n"
-              "0x0A000001      2  0x02        10.0.0.1:6000  gw1.example.net:6000  resolved    1.5  configured\n");
+    EXPECT_EQ(
+        peers.out,
+        "local peers\n"
+        "addr  iface  inet\n"
+        "0x10      1  127.0.0.1:7101\n"
+        "0x21      3  -\n"
+        "\n"
+        "MANet links\n"
+        "manet_addr  iface  local_addr  inet           resolver              state     age s  origin      reason\n"
+        "0x0A000001      2  0x02        10.0.0.1:6000  gw1.example.net:6000  resolved    1.5  configured  -\n"
+        "0x0A000003      2  0x03        -              gw3.example.net:6000  pending    12.5  announced   "
+        "Name or service not known\n");
     EXPECT_EQ(server.requests(), (std::vector<std::string>{STATS_REQUEST, PEERS_REQUEST}));
 }
 
@@ -244,11 +252,11 @@ TEST(GatecatControl, ShowsTheRealGatewaysTrafficCountersAndTables) {
     const std::string tables = stats.out.substr(stats.out.find('\n') + 1);
     // Bytes as the links carry them: a 7-byte datagram in, 13 serial-framed bytes out.
     EXPECT_EQ(tables,
-              "iface  kind       frames in  bytes in  frames out  bytes out  description\n"
-              "    1  udp                1         7           0          0  udp://127.0.0.1:" +
+              "iface  kind       role   frames in  bytes in  frames out  bytes out  description\n"
+              "    1  udp        local          1         7           0          0  udp://127.0.0.1:" +
                   link_1 +
                   "\n"
-                  "    2  udpserial          0         0           1         13  udpserial://127.0.0.1:" +
+                  "    2  udpserial  local          0         0           1         13  udpserial://127.0.0.1:" +
                   link_2 +
                   "\n\n"
                   "iface  decode errors  drops\n"
@@ -267,7 +275,7 @@ TEST(GatecatControl, ShowsTheRealGatewaysTrafficCountersAndTables) {
                   "\n"
                   "\n"
                   "MANet links\n"
-                  "manet_addr  iface  local_addr  inet  resolver  state  age s  origin\n");
+                  "manet_addr  iface  local_addr  inet  resolver  state  age s  origin  reason\n");
 }
 
 }  // namespace

@@ -154,7 +154,7 @@ bool parse_command_line(int argc, const char* const* argv, CommandLine& out, std
     const bool on_socket = out.command != CommandLine::Command::DUMP && out.command != CommandLine::Command::SEND;
     if (arguments.empty()) {
         error = on_socket
-                    ? command + ": missing control socket path, e.g. /run/gate/control.sock; try 'gatecat --help'"
+                    ? command + ": missing control socket path, e.g. /run/gate/site/control.sock; try 'gatecat --help'"
                     : command + ": missing interface description, e.g. udp://127.0.0.1:5000; try 'gatecat --help'";
         return false;
     }

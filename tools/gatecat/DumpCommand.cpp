@@ -30,8 +30,10 @@ public:
         // A read may bring more frames than are still wanted.
         if (done()) return;
         const int64_t now_us = time_utc_us();
-        std::fprintf(out, "%s\n", frame_line(now_us, "", frame, decode).c_str());
-        std::fflush(out);
+        if (out != nullptr) {
+            std::fprintf(out, "%s\n", frame_line(now_us, "", frame, decode).c_str());
+            std::fflush(out);
+        }
         if (capture != nullptr && !capture->write(now_us, 0, CaptureDirection::IN, medium, frame))
             capture_failed = true;
         printed++;
@@ -71,14 +73,15 @@ int run_dump(const CommandLine& command_line, FILE* out) {
         return EXIT_RUNTIME_FAILURE;
     }
     PcapWriter capture;
-    if (!command_line.capture_path.empty() && !capture.open(command_line.capture_path)) {
+    if (!command_line.capture_path.empty() && !capture.open(command_line.capture_path, out)) {
         std::fprintf(stderr, "gatecat: dump: cannot write %s: %s\n", command_line.capture_path.c_str(),
                      std::strerror(errno));
         return EXIT_RUNTIME_FAILURE;
     }
     const CaptureMedium medium = capture_medium_of(command_line.iface.substr(0, command_line.iface.find("://")));
-    FramePrinter printer(out, command_line.decode, command_line.count,
-                         command_line.capture_path.empty() ? nullptr : &capture, medium);
+    // A capture on standard output has it to itself: no frame lines.
+    FramePrinter printer(PcapWriter::is_stdout(command_line.capture_path) ? nullptr : out, command_line.decode,
+                         command_line.count, command_line.capture_path.empty() ? nullptr : &capture, medium);
     device->set_handler(&printer);
     std::fprintf(stderr, "gatecat: listening on %s\n", command_line.iface.c_str());
 

@@ -67,11 +67,12 @@ PcapWriter::PcapWriter() {
 }
 
 PcapWriter::~PcapWriter() {
-    if (file != nullptr) std::fclose(file);
+    if (owned) std::fclose(file);
 }
 
-bool PcapWriter::open(const std::string& path) {
-    file = std::fopen(path.c_str(), "wb");
+bool PcapWriter::open(const std::string& path, FILE* stdout_stream) {
+    owned = !is_stdout(path);
+    file = owned ? std::fopen(path.c_str(), "wb") : stdout_stream;
     if (file == nullptr) return false;
     std::vector<uint8_t> header;
     put_u32(header, PCAP_MAGIC_US);

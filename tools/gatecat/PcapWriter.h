@@ -45,17 +45,23 @@ public:
     PcapWriter(const PcapWriter&) = delete;
     PcapWriter& operator=(const PcapWriter&) = delete;
 
-    // Creates (or empties) the file and writes the file header. False when
-    // the file cannot be written; errno then says why.
-    bool open(const std::string& path);
+    // Creates (or empties) the file and writes the file header; "-" is
+    // standard output, given as `stdout_stream` and left open. False when the
+    // file cannot be written; errno then says why.
+    bool open(const std::string& path, FILE* stdout_stream);
 
     // Appends one packet and flushes it, so that the file is complete
-    // whenever gatecat stops. False on a write error.
+    // whenever gatecat stops and a reader on a pipe sees each frame as it
+    // comes. False on a write error.
     bool write(int64_t time_us, uint32_t iface, CaptureDirection direction, CaptureMedium medium,
                const net_device::Frame& frame);
 
+    // Whether `path` names standard output rather than a file.
+    static bool is_stdout(const std::string& path) { return path == "-"; }
+
 private:
     FILE* file = nullptr;
+    bool owned = false;           // closed here: a file, not standard output
     std::vector<uint8_t> packet;  // the packet being written, sized once
 };
 

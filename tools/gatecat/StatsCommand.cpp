@@ -81,13 +81,14 @@ int run_stats(const CommandLine& command_line, FILE* out) {
     if (answer.is_discarded()) return EXIT_RUNTIME_FAILURE;
 
     std::fprintf(out, "gate %s, up %s s\n", cell(answer, "version").c_str(), cell(answer, "uptime_s").c_str());
-    TextTable traffic({"iface", "kind", "frames in", "bytes in", "frames out", "bytes out", "description"},
-                      {true, false, true, true, true, true, false});
+    TextTable traffic({"iface", "kind", "role", "frames in", "bytes in", "frames out", "bytes out", "description"},
+                      {true, false, false, true, true, true, true, false});
     TextTable trouble({"iface", "decode errors", "drops"}, {true, false, false});
     for (const json& iface : array_at(answer, "interfaces")) {
         if (!iface.is_object()) continue;
-        traffic.add_row({cell(iface, "id"), cell(iface, "kind"), cell(iface, "frames_in"), cell(iface, "bytes_in"),
-                         cell(iface, "frames_out"), cell(iface, "bytes_out"), cell(iface, "description")});
+        traffic.add_row({cell(iface, "id"), cell(iface, "kind"), cell(iface, "role"), cell(iface, "frames_in"),
+                         cell(iface, "bytes_in"), cell(iface, "frames_out"), cell(iface, "bytes_out"),
+                         cell(iface, "description")});
         trouble.add_row(
             {cell(iface, "id"), nonzero_counters(iface, "decode_errors"), nonzero_counters(iface, "drops")});
     }
@@ -103,13 +104,14 @@ int run_peers(const CommandLine& command_line, FILE* out) {
     for (const json& peer : array_at(answer, "local_peers")) {
         if (peer.is_object()) local.add_row({cell(peer, "addr"), cell(peer, "iface"), cell(peer, "inet")});
     }
-    TextTable links({"manet_addr", "iface", "local_addr", "inet", "resolver", "state", "age s", "origin"},
-                    {false, true, false, false, false, false, true, false});
+    // The reason a name's lookup last failed comes last: it is the longest.
+    TextTable links({"manet_addr", "iface", "local_addr", "inet", "resolver", "state", "age s", "origin", "reason"},
+                    {false, true, false, false, false, false, true, false, false});
     for (const json& link : array_at(answer, "manet_links")) {
         if (!link.is_object()) continue;
         links.add_row({cell(link, "manet_addr"), cell(link, "iface"), cell(link, "local_addr"), cell(link, "inet"),
-                       cell(link, "resolver"), cell(link, "resolver_state"), cell(link, "age_s"),
-                       cell(link, "origin")});
+                       cell(link, "resolver"), cell(link, "resolver_state"), cell(link, "age_s"), cell(link, "origin"),
+                       cell(link, "reason")});
     }
     std::fprintf(out, "local peers\n%s\nMANet links\n%s", local.text().c_str(), links.text().c_str());
     return EXIT_OK;

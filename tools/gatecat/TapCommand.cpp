@@ -93,7 +93,7 @@ int run_tap(const CommandLine& command_line, FILE* out) {
     PcapWriter capture;
     std::map<uint32_t, CaptureMedium> media;
     if (!command_line.capture_path.empty()) {
-        if (!capture.open(command_line.capture_path)) {
+        if (!capture.open(command_line.capture_path, out)) {
             std::fprintf(stderr, "gatecat: tap: cannot write %s: %s\n", command_line.capture_path.c_str(),
                          std::strerror(errno));
             return EXIT_RUNTIME_FAILURE;
@@ -145,9 +145,12 @@ int run_tap(const CommandLine& command_line, FILE* out) {
             break;
         }
         const net_device::Frame frame = tapped.frame.view();
-        const std::string origin = "iface " + std::to_string(tapped.iface) + (tapped.out ? " out " : " in ");
-        std::fprintf(out, "%s\n", frame_line(tapped.time_us, origin, frame, command_line.decode).c_str());
-        std::fflush(out);
+        // A capture on standard output has it to itself: no frame lines.
+        if (!PcapWriter::is_stdout(command_line.capture_path)) {
+            const std::string origin = "iface " + std::to_string(tapped.iface) + (tapped.out ? " out " : " in ");
+            std::fprintf(out, "%s\n", frame_line(tapped.time_us, origin, frame, command_line.decode).c_str());
+            std::fflush(out);
+        }
         frames++;
         if (command_line.capture_path.empty()) continue;
         const auto medium = media.find(tapped.iface);

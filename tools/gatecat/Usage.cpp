@@ -49,7 +49,9 @@ dump
   -c, --count N     stop after N frames
   -t, --timeout S   stop after S seconds (fractions allowed)
   -w, --write FILE  also write every frame to FILE, a pcap capture that
-                    Wireshark opens with the gate dissector (see gatecat(1))
+                    Wireshark opens with the gate dissector (see gatecat(1));
+                    "-" is standard output, frame by frame and instead of
+                    the frame lines, for a live view in Wireshark
 
 send
   Sends each FRAME given, in order; with none, reads frames from standard
@@ -60,7 +62,9 @@ send
 stats, peers
   Ask a running gateway, through the control socket its configuration
   names, for its counters per interface (stats) or its tables of local
-  peers and MANet links (peers), and print them as tables.
+  peers and MANet links (peers), and print them as tables. Under systemd,
+  gate@NAME's socket is in /run/gate/NAME/ and belongs to the group gate:
+  root and the group's members may use it.
 
 tap
   Prints every frame the gateway receives and sends, as dump does, with
@@ -77,11 +81,13 @@ Examples:
   gatecat dump udp://127.0.0.1:6001 > frames.txt
   gatecat send udp://127.0.0.1:6002:127.0.0.1:5001 < frames.txt
   gatecat dump -c 100 -w link.pcap udpserial://0.0.0.0:7002
-  gatecat stats /run/gate/control.sock
-  gatecat tap -d /run/gate/control.sock
+  gatecat stats /run/gate/site/control.sock
+  gatecat tap -d /run/gate/site/control.sock
+  gatecat tap /run/gate/site/control.sock -w - | wireshark -k -i -
 
 Log lines of the devices go to standard error; standard output holds only
-the frames of `dump` and `tap` and the tables of `stats` and `peers`.
+the frames of `dump` and `tap` (or their capture, with -w -) and the tables
+of `stats` and `peers`.
 
 Exit status:
   0  done: the frames were sent, or the dump stopped as asked
