@@ -3,8 +3,8 @@
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
-#include "gatecat/ControlClient.h"
 #include "gatecat/TextTable.h"
+#include "vostrelka/control/ControlClient.h"
 
 namespace vostrelka {
 namespace gatecat {
@@ -19,14 +19,14 @@ constexpr int64_t ANSWER_WAIT_US = 5000000;
 
 // The answer to `request`, or a discarded value after printing why not.
 json fetch(const CommandLine& command_line, const char* request) {
-    ControlClient client;
+    control::ControlClient client;
     std::string error;
     if (!client.request(command_line.socket_path, request, error)) {
         std::fprintf(stderr, "gatecat: %s: %s\n", request, error.c_str());
         return json(json::value_t::discarded);
     }
     std::string line;
-    if (client.read_line(line, ANSWER_WAIT_US) != ControlClient::Read::LINE) {
+    if (client.read_line(line, ANSWER_WAIT_US) != control::ControlClient::Read::LINE) {
         std::fprintf(stderr, "gatecat: %s: no answer from %s\n", request, command_line.socket_path.c_str());
         return json(json::value_t::discarded);
     }

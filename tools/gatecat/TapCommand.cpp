@@ -6,12 +6,12 @@
 #include <map>
 #include <nlohmann/json.hpp>
 
-#include "gatecat/ControlClient.h"
 #include "gatecat/FrameLine.h"
 #include "gatecat/FrameSyntax.h"
 #include "gatecat/PcapWriter.h"
 #include "gatecat/StopSignals.h"
 #include "vostrelka/Time.h"
+#include "vostrelka/control/ControlClient.h"
 
 namespace vostrelka {
 namespace gatecat {
@@ -28,10 +28,10 @@ constexpr int64_t KINDS_WAIT_US = 5000000;
 // "unknown" and holds every frame in its datagram form.
 std::map<uint32_t, CaptureMedium> interface_media(const std::string& socket_path) {
     std::map<uint32_t, CaptureMedium> media;
-    ControlClient client;
+    control::ControlClient client;
     std::string line, error;
     if (!client.request(socket_path, "stats", error) ||
-        client.read_line(line, KINDS_WAIT_US) != ControlClient::Read::LINE)
+        client.read_line(line, KINDS_WAIT_US) != control::ControlClient::Read::LINE)
         return media;
     const json answer = json::parse(line, nullptr, false);
     const auto interfaces = answer.is_object() ? answer.find("interfaces") : answer.end();
@@ -100,7 +100,7 @@ int run_tap(const CommandLine& command_line, FILE* out) {
         }
         media = interface_media(command_line.socket_path);
     }
-    ControlClient client;
+    control::ControlClient client;
     std::string error;
     if (!client.request(command_line.socket_path, "tap", error)) {
         std::fprintf(stderr, "gatecat: tap: %s\n", error.c_str());
@@ -124,9 +124,9 @@ int run_tap(const CommandLine& command_line, FILE* out) {
                 break;
             }
         }
-        const ControlClient::Read read = client.read_line(text, wait_us, stop.wait_mask());
-        if (read == ControlClient::Read::WAITING) continue;
-        if (read == ControlClient::Read::CLOSED) {
+        const control::ControlClient::Read read = client.read_line(text, wait_us, stop.wait_mask());
+        if (read == control::ControlClient::Read::WAITING) continue;
+        if (read == control::ControlClient::Read::CLOSED) {
             std::fprintf(stderr, "gatecat: tap: the gateway closed %s\n", command_line.socket_path.c_str());
             status = EXIT_RUNTIME_FAILURE;
             break;

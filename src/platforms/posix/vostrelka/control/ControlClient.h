@@ -1,14 +1,14 @@
 #pragma once
-// gatecat's end of a running gateway's control socket: a UNIX stream socket
-// that takes one JSON request per line ({"request":"stats"}) and answers in
-// JSON lines.
+// A local tool's end of a running gateway's control socket: a UNIX stream
+// socket that takes one JSON request per line ({"request":"stats"}) and
+// answers in JSON lines, in the order the requests came.
 #include <signal.h>
 
 #include <cstdint>
 #include <string>
 
 namespace vostrelka {
-namespace gatecat {
+namespace control {
 
 class ControlClient {
 public:
@@ -23,8 +23,9 @@ public:
     ControlClient(const ControlClient&) = delete;
     ControlClient& operator=(const ControlClient&) = delete;
 
-    // Connects to the socket at `path` and sends {"request":"<request>"}.
-    // False with a one-line `error` when either fails.
+    // Connects to the socket at `path` unless connected already, and sends
+    // {"request":"<request>"}. Never waits: a gateway whose listen queue is
+    // full refuses at once. False with a one-line `error` when either fails.
     bool request(const std::string& path, const std::string& request, std::string& error);
 
     // The next line, without its newline, in `line`: LINE. WAITING when
@@ -33,10 +34,16 @@ public:
     // reading failed or a line grew past MAX_LINE_SIZE.
     Read read_line(std::string& line, int64_t wait_us, const sigset_t* wait_mask = nullptr);
 
+    // The connection's descriptor, -1 before request(): for a caller that
+    // waits on several gateways at once, then reads with a zero wait.
+    int descriptor() const { return fd; }
+
 private:
+    bool connect(const std::string& path, std::string& error);
+
     int fd = -1;
     std::string received;  // bytes read after the last whole line
 };
 
-}  // namespace gatecat
+}  // namespace control
 }  // namespace vostrelka

@@ -1,4 +1,4 @@
-#include "gatecat/ControlClient.h"
+#include "vostrelka/control/ControlClient.h"
 
 #include <sys/select.h>
 #include <sys/socket.h>
@@ -11,7 +11,7 @@
 #include "vostrelka/Time.h"
 
 namespace vostrelka {
-namespace gatecat {
+namespace control {
 
 namespace {
 
@@ -35,6 +35,15 @@ ControlClient::~ControlClient() {
 }
 
 bool ControlClient::request(const std::string& path, const std::string& request, std::string& error) {
+    if (fd < 0 && !connect(path, error)) return false;
+    if (!write_all(fd, "{\"request\":\"" + request + "\"}\n")) {
+        error = "cannot send the request to " + path + ": " + std::strerror(errno);
+        return false;
+    }
+    return true;
+}
+
+bool ControlClient::connect(const std::string& path, std::string& error) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     if (path.size() >= sizeof address.sun_path) {
@@ -42,13 +51,12 @@ bool ControlClient::request(const std::string& path, const std::string& request,
         return false;
     }
     std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-    fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    // Non-blocking: a UNIX socket connects at once or not at all, and the
+    // reads below wait with their own deadline.
+    fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd < 0 || ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
         error = "cannot connect to " + path + ": " + std::strerror(errno);
-        return false;
-    }
-    if (!write_all(fd, "{\"request\":\"" + request + "\"}\n")) {
-        error = "cannot send the request to " + path + ": " + std::strerror(errno);
+        if (fd >= 0) ::close(fd), fd = -1;
         return false;
     }
     return true;
@@ -77,6 +85,7 @@ ControlClient::Read ControlClient::read_line(std::string& line, int64_t wait_us,
         char chunk[READ_CHUNK_SIZE];
         const ssize_t got = ::recv(fd, chunk, sizeof chunk, 0);
         if (got < 0 && errno == EINTR) continue;
+        if (got < 0 && errno == EAGAIN) return Read::WAITING;
         if (got <= 0) return Read::CLOSED;
         received.append(chunk, static_cast<size_t>(got));
         // Only one read per call: a waiting caller gets its turn to check
@@ -85,5 +94,5 @@ ControlClient::Read ControlClient::read_line(std::string& line, int64_t wait_us,
     }
 }
 
-}  // namespace gatecat
+}  // namespace control
 }  // namespace vostrelka
