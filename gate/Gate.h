@@ -179,6 +179,8 @@ private:
     void handle_device_config(const tessera::MessageInfo& info);
     void open_control();
     std::string stats_json() const;
+    // False while the device's serial line or CAN interface is lost.
+    bool link_up(net_device::NetDevice& device) const;
     std::string peers_json() const;
     Interfaces::iterator find_iface_by_ref(const net_device::NetDevice& device);
 

@@ -7,8 +7,11 @@
 
 #include "ControlServer.h"
 #include "Gate.h"
+#include "vostrelka/SerialLine.h"
 #include "vostrelka/Time.h"
 #include "vostrelka/debug.h"
+#include "vostrelka/net_device/NetDeviceSerialBase.h"
+#include "vostrelka/net_device_can/NetDeviceCan.h"
 #include "vostrelka/version.h"
 
 namespace vostrelka {
@@ -105,6 +108,7 @@ std::string Gate::stats_json() const {
                               {"description", iface.description},
                               {"kind", kind_of(iface.description)},
                               {"role", role_text(iface.type)},
+                              {"link_up", link_up(*iface.net_device)},
                               {"frames_in", counters.frames_in},
                               {"bytes_in", counters.bytes_in},
                               {"frames_out", counters.frames_out},
@@ -120,6 +124,20 @@ std::string Gate::stats_json() const {
                                 {"version", version::SOFTWARE},
                                 {"interfaces", std::move(interfaces)}};
     return stats.dump(-1, ' ', false, ordered_json::error_handler_t::replace);
+}
+
+bool Gate::link_up(net_device::NetDevice& device) const {
+    if (const auto* can = dynamic_cast<const net_device::NetDeviceCan*>(&device)) return !can->link_lost();
+    auto* serial = dynamic_cast<net_device::NetDeviceSerialBase*>(&device);
+    if (serial == nullptr) return true;
+    // A serial line is down from the moment it is closed as lost until it
+    // opens again.
+    for (const auto& line : factory.serial_ports()) {
+        if (static_cast<const drivers::DataPort*>(line->get_port().get()) == &serial->get_port()) {
+            return !line->awaiting_reopen();
+        }
+    }
+    return true;
 }
 
 std::string Gate::peers_json() const {

@@ -117,6 +117,7 @@ TEST_F(ControlSocketTest, StatsCountGoodAndCorruptedFramesExactlyOnEachKindOfLin
                     {"description", description},
                     {"kind", kind},
                     {"role", "local"},
+                    {"link_up", true},
                     {"frames_in", GOOD},
                     {"bytes_in", bytes_in},
                     {"frames_out", 0},

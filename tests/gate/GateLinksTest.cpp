@@ -7,6 +7,7 @@
 
 #include <chrono>
 
+#include "support/ControlClient.h"
 #include "support/GateLink.h"
 #include "support/GateProcess.h"
 #include "support/ProcessCpu.h"
@@ -30,7 +31,8 @@ class GateLinksTest : public testing::Test {
 protected:
     void start(const std::string& serial_path) {
         const std::string config = R"({"ifaces": [)" + iface("serial://" + serial_path + ":115200", 1) + ", " +
-                                   iface("udp://127.0.0.1:" + std::to_string(udp.gate_port), 2) + "]}";
+                                   iface("udp://127.0.0.1:" + std::to_string(udp.gate_port), 2) +
+                                   R"(], "control": {"path": ")" + dir.path() + R"(/control.sock"}})";
         gate = std::make_unique<GateProcess>(
             std::vector<std::string>{"--config", dir.write_file("gate.json", config), "--debug", "1"});
     }
@@ -69,6 +71,14 @@ protected:
         ASSERT_TRUE(gate->wait_for_line("add local peer on iface 1: 0x0C")) << gate->log();
         EXPECT_EQ(udp.receive(), (RecordedFrame{9, 0x0C, 0xFF, {0}}));
     }
+    // Whether the control socket's stats call each link up, by id.
+    std::vector<bool> links_up() {
+        ControlClient client(dir.path() + "/control.sock");
+        const auto stats = client.ask("stats");
+        std::vector<bool> up;
+        for (const auto& entry : stats["interfaces"]) up.push_back(entry["link_up"].get<bool>());
+        return up;
+    }
     size_t count(const std::string& line) {
         const auto lines = gate->lines();
         return static_cast<size_t>(std::count(lines.begin(), lines.end(), line));
@@ -101,11 +111,13 @@ TEST_F(GateLinksTest, HungUpSerialLineIsClosedOnceAndTheNewLineUnderItsNameCarri
     ASSERT_TRUE(gate->wait_for_line("Serial port " + path + " disconnected")) << gate->log();
     const double cpu = cpu_percent_of(gate->pid(), CPU_SAMPLE);
     EXPECT_LT(cpu, BROKEN_LINK_CPU_LIMIT_PERCENT);
+    EXPECT_EQ(links_up(), (std::vector<bool>{false, true}));
 
     plug(second);
     serial.pty = &second;
     const milliseconds recovered = recovery("Serial port " + path + " connecting");
     frames_cross(2);
+    EXPECT_EQ(links_up(), (std::vector<bool>{true, true}));
     EXPECT_EQ(count("Serial port " + path + " disconnected"), 1u) << gate->log();
     std::printf("serial hang-up: %.2f%% CPU while broken, back %lld ms after the new line appeared\n", cpu,
                 static_cast<long long>(recovered.count()));

@@ -51,6 +51,7 @@ public:
     // Every serial line the factory made, opened or not, for the main loop
     // to supervise (the platform's SerialLine).
     std::vector<std::shared_ptr<drivers::SerialLine>>& serial_ports() { return serial_port_records; }
+    const std::vector<std::shared_ptr<drivers::SerialLine>>& serial_ports() const { return serial_port_records; }
 
 private:
     std::vector<std::shared_ptr<drivers::SerialLine>> serial_port_records;
