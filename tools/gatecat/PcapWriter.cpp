@@ -67,7 +67,7 @@ PcapWriter::PcapWriter() {
 }
 
 PcapWriter::~PcapWriter() {
-    if (owned) std::fclose(file);
+    if (owned && file != nullptr) std::fclose(file);
 }
 
 bool PcapWriter::open(const std::string& path, FILE* stdout_stream) {
