@@ -51,6 +51,14 @@ Gate::Interface* Gate::find_interface(uint32_t id) {
     return found == ifaces.end() ? nullptr : &found->second;
 }
 
+// A linear scan on purpose: a gateway has a handful of interfaces.
+Gate::Interfaces::iterator Gate::find_iface_by_ref(const net_device::NetDevice& device) {
+    for (auto it = ifaces.begin(); it != ifaces.end(); ++it) {
+        if (it->second.net_device.get() == &device) return it;
+    }
+    return ifaces.end();
+}
+
 bool Gate::add_event_loop_entry(event_system::EventLoopEntry* entry) {
     return event_loop_entries.push_back(entry);
 }
@@ -115,7 +123,7 @@ bool Gate::apply_config(const GateConfig& config) {
         iface->description = entry.description;
     }
 
-    configuring = true;
+    tables.set_configuring(true);
     for (const GateConfig::LocalPeer& peer : config.local_peers) {
         if (!add_local_peer(*find_interface(peer.iface_id), peer.addr, peer.inet_addr)) {
             debug("ERROR: duplicate local peer: 0x%02X", static_cast<unsigned int>(peer.addr));
@@ -132,7 +140,7 @@ bool Gate::apply_config(const GateConfig& config) {
             exit(1);
         }
     }
-    configuring = false;
+    tables.set_configuring(false);
 
     for (const GateConfig::RFModem& modem : config.rfmodems) {
         Interface& iface = *find_interface(modem.iface_id);

@@ -1,14 +1,16 @@
 #pragma once
-// The gateway: its interfaces, what it has learned about local devices and
-// other gateways, and the loop that moves frames between them.
+// The gateway: its interfaces, the peer tables it fills from the
+// configuration and from traffic, and the loop that moves frames between
+// them.
 //
 // Files: Gate.cpp (start-up, the configuration file, the interfaces),
-// GatePeers.cpp (peer tables), GateRouting.cpp (on_frame and forwarding),
-// GateService.cpp (service frames), GateLoop.cpp (the main loop).
+// GateRouting.cpp (on_frame and forwarding), GateService.cpp (service
+// frames), GateLoop.cpp (the main loop), GateControl.cpp (what the control
+// socket answers). The tables and their rules are PeerTables.
 //
 // The tables are private: interfaces come in through add_interface(), peers
 // through add_local_peer() and add_manet_peer(), so that every entry is made
-// the one way the gateway's own bookkeeping expects.
+// the one way the tables' own bookkeeping expects.
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -17,13 +19,13 @@
 #include <string>
 #include <vector>
 
-#include "PeerTableLog.h"
+#include "GateInterface.h"
+#include "PeerTables.h"
 #include "SystemdNotifier.h"
 #include "vostrelka/Application.h"
 #include "vostrelka/ArrayList.h"
 #include "vostrelka/EventLoopEntry.h"
 #include "vostrelka/InetAddress.h"
-#include "vostrelka/Resolver.h"
 #include "vostrelka/ResolverWakeUp.h"
 #include "vostrelka/debug.h"
 #include "vostrelka/net_device/NetDevice.h"
@@ -52,57 +54,29 @@ using json = nlohmann::json;
 
 class Gate : public Application, public net_device::NetDeviceMessageHandlerI {
 public:
-    static constexpr uint8_t LOCAL = 0;
-    static constexpr uint8_t MANET = 1;
+    static constexpr uint8_t LOCAL = GateInterface::LOCAL;
+    static constexpr uint8_t MANET = GateInterface::MANET;
 
     static constexpr int64_t MAX_SELECT_WAIT_US = 5000000;
     // The longest wait while a link awaits reopening.
     static constexpr int64_t LINK_RETRY_WAIT_US = 1000000;
-    static constexpr int64_t PEER_TIMEOUT_US = 10000000;
+    static constexpr int64_t PEER_TIMEOUT_US = PeerTables::PEER_TIMEOUT_US;
     static constexpr size_t MAX_INTERFACES = 32;
     // Entries of the gateway's own (the resolver wake-up, the control
     // socket), in a list apart from the devices': they have no timers, and
     // their wake-ups do not run a pass.
     static constexpr size_t MAX_INTERNAL_ENTRIES = 4;
     static constexpr size_t MAX_EVENT_LOOP_ENTRIES = MAX_INTERFACES + MAX_INTERNAL_ENTRIES;
-    // What traffic may add to the MANet table, in links. Past a cap a new
-    // link replaces the one of its origin seen longest ago.
-    static constexpr size_t MAX_LEARNED_LINKS = 4096;
-    static constexpr size_t MAX_ANNOUNCED_LINKS = 16;
+    static constexpr size_t MAX_LEARNED_LINKS = PeerTables::MAX_LEARNED_LINKS;
+    static constexpr size_t MAX_ANNOUNCED_LINKS = PeerTables::MAX_ANNOUNCED_LINKS;
 
-    struct Interface {
-        uint32_t id = 0;
-        uint8_t type = LOCAL;  // LOCAL, MANET; anything else is inert
-        std::shared_ptr<net_device::NetDevice> net_device;
-        std::string description;  // as configured: "udp://..."
-
-        // `net_device` seen as a UDP device ("udp", "udpserial"), or null;
-        // filled by add_interface() so that routing pays no cast per frame.
-        net_device::NetDeviceUDP* udp = nullptr;
-    };
-
-    struct LocalPeer {
-        Interface* iface = nullptr;            // points into `ifaces`
-        std::optional<InetAddress> inet_addr;  // UDP devices only
-    };
-
-    // Where a MANet link came from: the configuration file, a MANet packet
-    // on a local link, or a device_config naming its UTM server.
-    enum class Origin : uint8_t { CONFIGURED, LEARNED, ANNOUNCED };
-
-    // One link to a remote gateway; a gateway may have several.
-    struct MANetPeer {
-        Interface* iface = nullptr;
-        uint8_t local_addr = 0;
-        std::unique_ptr<AddressResolver> resolver;  // when given by host name
-        std::optional<InetAddress> inet_addr;
-        uint64_t last_seen = 0;  // time_us()
-        Origin origin = Origin::CONFIGURED;
-    };
-
+    using Interface = GateInterface;
+    using LocalPeer = PeerTables::LocalPeer;
+    using Origin = PeerTables::Origin;
+    using MANetPeer = PeerTables::MANetPeer;
     using Interfaces = std::map<uint32_t, Interface>;
-    using LocalPeers = std::map<uint8_t, LocalPeer>;
-    using MANetPeers = std::map<uint32_t, std::vector<MANetPeer>>;
+    using LocalPeers = PeerTables::LocalPeers;
+    using MANetPeers = PeerTables::MANetPeers;
 
     Gate();
     ~Gate();
@@ -128,28 +102,42 @@ public:
     // with it). Other wake-ups on the way are served without a pass.
     [[noreturn]] void loop();
     void run_once(int64_t max_wait_us = MAX_SELECT_WAIT_US);
-    void age_learned_links(int64_t now);
-    void collect_resolutions();
+    void age_learned_links(int64_t now) { tables.age_learned_links(now); }
+    void collect_resolutions() { tables.collect_resolutions(); }
 
     // Routing.
     void on_frame(net_device::NetDevice& device, const net_device::Frame& frame) override;
 
     // Peer tables, read-only to everyone but the gate.
     const Interfaces& interface_table() const { return ifaces; }
-    const LocalPeers& local_peer_table() const { return local_peers; }
-    const MANetPeers& manet_peer_table() const { return manet_peers; }
-    bool add_local_peer(Interface& iface, uint8_t addr, const std::optional<InetAddress>& inet_addr);
+    const LocalPeers& local_peer_table() const { return tables.local_peers(); }
+    const MANetPeers& manet_peer_table() const { return tables.manet_peers(); }
+    bool add_local_peer(Interface& iface, uint8_t addr, const std::optional<InetAddress>& inet_addr) {
+        return tables.add_local_peer(iface, addr, inet_addr);
+    }
     bool add_manet_peer(Interface& iface, uint32_t manet_addr, uint8_t local_addr,
                         std::unique_ptr<AddressResolver>&& resolver, std::optional<InetAddress> inet_addr,
-                        Origin origin);
+                        Origin origin) {
+        return tables.add_manet_peer(iface, manet_addr, local_addr, std::move(resolver), std::move(inet_addr), origin);
+    }
     // Test hook: pretends link `index` of `manet_addr` was last seen at `last_seen`.
-    void set_last_seen(uint32_t manet_addr, size_t index, uint64_t last_seen);
-    std::string full_addr_s_local(uint8_t addr, const std::optional<InetAddress>& inet_addr) const;
-    std::string full_addr_s_local(uint8_t addr, const LocalPeer& peer) const;
+    void set_last_seen(uint32_t manet_addr, size_t index, uint64_t last_seen) {
+        tables.set_last_seen(manet_addr, index, last_seen);
+    }
+    std::string full_addr_s_local(uint8_t addr, const std::optional<InetAddress>& inet_addr) const {
+        return PeerTables::full_addr_s_local(addr, inet_addr);
+    }
+    std::string full_addr_s_local(uint8_t addr, const LocalPeer& peer) const {
+        return PeerTables::full_addr_s_local(addr, peer.inet_addr);
+    }
     std::string full_addr_s_manet(uint32_t manet_addr, uint8_t local_addr,
                                   const std::unique_ptr<AddressResolver>& resolver,
-                                  const std::optional<InetAddress>& inet_addr) const;
-    std::string full_addr_s_manet(uint32_t manet_addr, const MANetPeer& peer) const;
+                                  const std::optional<InetAddress>& inet_addr) const {
+        return PeerTables::full_addr_s_manet(manet_addr, local_addr, resolver, inet_addr);
+    }
+    std::string full_addr_s_manet(uint32_t manet_addr, const MANetPeer& peer) const {
+        return PeerTables::full_addr_s_manet(manet_addr, peer);
+    }
 
     // What the control socket answers (GateControl.cpp): JSON text, or
     // nothing for an unknown request.
@@ -184,25 +172,9 @@ private:
     std::string peers_json() const;
     Interfaces::iterator find_iface_by_ref(const net_device::NetDevice& device);
 
-    // Bookkeeping of the MANet table beside the table itself (GatePeers.cpp).
-    struct LinkDue {
-        int64_t due_us;  // a link of `manet_addr` may expire after this
-        uint32_t manet_addr;
-    };
-    static bool later_due(const LinkDue& a, const LinkDue& b);
-    bool table_line_admitted();
-    void note_new_link(uint32_t manet_addr, const MANetPeer& link);
-    void forget_link(const MANetPeer& link);
-    void note_ageing(uint32_t manet_addr, int64_t due_us);
-    bool earliest_due(const std::vector<MANetPeer>& links, int64_t& due_us) const;
-    void rebuild_ageing();
-    void make_room(Origin origin, uint32_t manet_addr);
-    void evict_learned_link(uint32_t keep_addr);
-    void evict_announced_link(uint32_t keep_addr);
-    void evict(MANetPeers::iterator found, size_t index, uint32_t keep_addr);
-
-    // Members are destroyed in reverse order: handlers first, then MANet
-    // peers (and their resolvers), local peers, interfaces, the factory.
+    // Members are destroyed in reverse order: handlers first, then the peer
+    // tables (MANet links and their resolvers, local peers), interfaces, the
+    // factory.
     int32_t debug_level = 0;
     net_device::NetDeviceFactory factory;
     // The CAN devices among the interfaces, for check_can_links().
@@ -215,24 +187,8 @@ private:
     // when it goes, and the resolvers of the peers may outlive it.
     ResolverWakeUp resolver_wake_up{[this] { collect_resolutions(); }};
     Interfaces ifaces;
-    LocalPeers local_peers;
-    MANetPeers manet_peers;
+    PeerTables tables{resolver_wake_up.pool()};
     std::vector<std::unique_ptr<RunnerHandler>> handlers;
-
-    // A min-heap on when links on local interfaces may expire, so that a
-    // pass looks only at what is due. Entries are rechecked when they come
-    // up: a refresh moves a link's time without touching the heap.
-    std::vector<LinkDue> ageing;
-    std::vector<uint32_t> expiring;  // reused by every pass that ages links
-    size_t ageing_links = 0;         // links on local interfaces
-    size_t learned_links = 0;
-    size_t announced_links = 0;
-    std::vector<uint32_t> announced_addrs;      // may hold gone ones
-    std::vector<uint32_t> awaiting_resolution;  // ascending, may hold gone ones
-    bool learned_cap_reached = false;
-    bool announced_cap_reached = false;
-    bool configuring = false;  // lines of the configuration are never held back
-    PeerTableLog table_log;
     int64_t started_us = 0;    // time_us()
     std::string control_path;  // empty: no control socket
     unsigned int control_mode = 0;

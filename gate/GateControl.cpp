@@ -142,12 +142,12 @@ bool Gate::link_up(net_device::NetDevice& device) const {
 
 std::string Gate::peers_json() const {
     ordered_json local = ordered_json::array();
-    for (const auto& [addr, peer] : local_peers) {
+    for (const auto& [addr, peer] : tables.local_peers()) {
         local.push_back({{"addr", hex_text(addr, 2)}, {"iface", peer.iface->id}, {"inet", inet_text(peer.inet_addr)}});
     }
     const int64_t now = time_us();
     ordered_json links = ordered_json::array();
-    for (const auto& [manet_addr, gateway_links] : manet_peers) {
+    for (const auto& [manet_addr, gateway_links] : tables.manet_peers()) {
         for (const MANetPeer& link : gateway_links) {
             const char* state = !link.resolver ? "none" : link.inet_addr ? "resolved" : "pending";
             const char* reason = link.resolver && !link.inet_addr ? link.resolver->failure_reason() : nullptr;

@@ -76,12 +76,12 @@ void Gate::run_pass(event_system::SelectPass& pass) {
     check_serial_port();
     check_can_links();
     // A flood of table changes that has stopped still gets its summary line.
-    if (table_log.holding_back()) table_log.flush(time_us());
+    tables.flush_log();
     if (notifier.keep_alive_period_us() != 0) notifier.keep_alive(time_us());
 
     // Nothing below needs the time when there is nothing to update or age,
     // and a clock read costs about as much as the rest of the pass's chores.
-    if (handlers.empty() && manet_peers.empty()) return;
+    if (handlers.empty() && tables.manet_peers().empty()) return;
     const long now = time_us();
     for (auto& handler : handlers) handler->update(now);
 

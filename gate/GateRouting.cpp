@@ -91,7 +91,7 @@ void Gate::on_frame(net_device::NetDevice& device, const net_device::Frame& fram
         }
         // Only gateways already known (configured, announced or learned on
         // a local link) may send MANet traffic in; nothing is learned here.
-        if (!header_ok || manet_peers.find(packet.src_addr) == manet_peers.end() ||
+        if (!header_ok || manet_peer_table().count(packet.src_addr) == 0 ||
             !forward_manet_frame(iface, frame, packet, from_inet)) {
             device.count_unroutable();
         }
@@ -109,7 +109,7 @@ bool Gate::forward_local_frame(const net_device::NetDevice& from_device, const n
     auto is_sender = [&](const LocalPeer& peer) {
         return peer.iface->net_device.get() == &from_device && peer.inet_addr == from_inet;
     };
-    auto forward_to = [&](LocalPeer& peer) {
+    auto forward_to = [&](const LocalPeer& peer) {
         if (debug_level >= LEVEL_FORWARD) {
             debug("forw frame to iface %u: 0x%02X -> %s, proto_id %u", peer.iface->id, frame.src,
                   full_addr_s_local(frame.dst, peer).c_str(), frame.proto_id);
@@ -117,6 +117,7 @@ bool Gate::forward_local_frame(const net_device::NetDevice& from_device, const n
         return send_on(*peer.iface, peer.inet_addr, frame);
     };
 
+    const LocalPeers& local_peers = tables.local_peers();
     if (frame.dst != net_device::BROADCAST_ADDR) {
         auto found = local_peers.find(frame.dst);
         if (found == local_peers.end()) {
@@ -131,7 +132,7 @@ bool Gate::forward_local_frame(const net_device::NetDevice& from_device, const n
 
     // Once per peer, not once per interface: an interface with three peers
     // gets the frame three times. Deliberate.
-    for (auto& [addr, peer] : local_peers) {
+    for (const auto& [addr, peer] : local_peers) {
         if (addr == frame.src || is_sender(peer)) continue;
         forward_to(peer);
     }
@@ -142,6 +143,7 @@ bool Gate::forward_local_frame(const net_device::NetDevice& from_device, const n
 // only links on interfaces of the sender's kind, or none with an address yet.
 bool Gate::forward_manet_frame(const Interface& from_iface, const net_device::Frame& frame,
                                const manet::MAPacket& packet, const std::optional<InetAddress>& from_inet) {
+    const MANetPeers& manet_peers = tables.manet_peers();
     auto found = manet_peers.find(packet.dst_addr);
     if (found == manet_peers.end()) {
         if (debug_level >= LEVEL_WARNING) {
@@ -155,7 +157,7 @@ bool Gate::forward_manet_frame(const Interface& from_iface, const net_device::Fr
     // MANet packets only cross between local links and gateway links; a
     // gateway never relays gateway to gateway nor local link to local link.
     bool sent = false;
-    for (MANetPeer& link : found->second) {
+    for (const MANetPeer& link : found->second) {
         if (link.iface->type == from_iface.type) {
             if (debug_level >= LEVEL_WARNING) {
                 debug("WARNING: not forwarding MANet packet to interface of the same type as source (%i): %s -> %s",

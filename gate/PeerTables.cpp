@@ -1,19 +1,11 @@
-// The interface table and the two peer tables: who lives where, and the
-// text every log line prints for a peer.
-//
-// Traffic must not be able to grow the MANet table without bound nor make a
-// pass of the loop cost more than what is due in it:
-// - learned links (MAX_LEARNED_LINKS) and links announced by device_config
-//   (MAX_ANNOUNCED_LINKS) are capped; past a cap a new link replaces the one
-//   of its origin seen longest ago; configured links are never replaced that
-//   way, nor by a device_config;
-// - ageing takes links from a min-heap of due times instead of walking the
-//   table, and resolutions are collected from a list of the links waiting
-//   for one.
+// The peer tables' rules: adding, moving, refreshing, replacing, ageing
+// and evicting entries, and the text every log line prints for a peer.
+#include "PeerTables.h"
+
 #include <algorithm>
 #include <cstdio>
 
-#include "Gate.h"
+#include "vostrelka/ResolverPool.h"
 #include "vostrelka/Time.h"
 #include "vostrelka/debug.h"
 
@@ -24,7 +16,7 @@ namespace {
 constexpr size_t ADDR_TEXT_SIZE = 128;
 }  // namespace
 
-std::string Gate::full_addr_s_local(uint8_t addr, const std::optional<InetAddress>& inet_addr) const {
+std::string PeerTables::full_addr_s_local(uint8_t addr, const std::optional<InetAddress>& inet_addr) {
     std::string suffix;
     if (inet_addr) suffix = " / " + inet_addr->to_s();
     char text[ADDR_TEXT_SIZE];
@@ -32,13 +24,9 @@ std::string Gate::full_addr_s_local(uint8_t addr, const std::optional<InetAddres
     return text;
 }
 
-std::string Gate::full_addr_s_local(uint8_t addr, const LocalPeer& peer) const {
-    return full_addr_s_local(addr, peer.inet_addr);
-}
-
-std::string Gate::full_addr_s_manet(uint32_t manet_addr, uint8_t local_addr,
-                                    const std::unique_ptr<AddressResolver>& resolver,
-                                    const std::optional<InetAddress>& inet_addr) const {
+std::string PeerTables::full_addr_s_manet(uint32_t manet_addr, uint8_t local_addr,
+                                          const std::unique_ptr<AddressResolver>& resolver,
+                                          const std::optional<InetAddress>& inet_addr) {
     std::string suffix;
     if (resolver) {
         suffix = " / " + resolver->to_s();
@@ -50,16 +38,8 @@ std::string Gate::full_addr_s_manet(uint32_t manet_addr, uint8_t local_addr,
     return text;
 }
 
-std::string Gate::full_addr_s_manet(uint32_t manet_addr, const MANetPeer& peer) const {
+std::string PeerTables::full_addr_s_manet(uint32_t manet_addr, const MANetPeer& peer) {
     return full_addr_s_manet(manet_addr, peer.local_addr, peer.resolver, peer.inet_addr);
-}
-
-// A linear scan on purpose: a gateway has a handful of interfaces.
-Gate::Interfaces::iterator Gate::find_iface_by_ref(const net_device::NetDevice& device) {
-    for (auto it = ifaces.begin(); it != ifaces.end(); ++it) {
-        if (it->second.net_device.get() == &device) return it;
-    }
-    return ifaces.end();
 }
 
 namespace {
@@ -68,23 +48,27 @@ namespace {
 constexpr size_t AGEING_SLACK_FACTOR = 2;
 constexpr size_t AGEING_SLACK_MIN = 64;
 
-int64_t due_of(const Gate::MANetPeer& link) {
-    return static_cast<int64_t>(link.last_seen) + Gate::PEER_TIMEOUT_US;
+int64_t due_of(const PeerTables::MANetPeer& link) {
+    return static_cast<int64_t>(link.last_seen) + PeerTables::PEER_TIMEOUT_US;
 }
 }  // namespace
 
 // Ageing heap order: earliest due on top; among equals, the lower address.
-bool Gate::later_due(const LinkDue& a, const LinkDue& b) {
+bool PeerTables::later_due(const LinkDue& a, const LinkDue& b) {
     return a.due_us != b.due_us ? a.due_us > b.due_us : a.manet_addr > b.manet_addr;
 }
 
-bool Gate::table_line_admitted() {
-    return configuring || table_log.admit(time_us());
+bool PeerTables::table_line_admitted() {
+    return configuring || log.admit(time_us());
 }
 
-bool Gate::add_local_peer(Interface& iface, uint8_t addr, const std::optional<InetAddress>& inet_addr) {
-    auto found = local_peers.find(addr);
-    if (found != local_peers.end()) {
+void PeerTables::flush_log() {
+    if (log.holding_back()) log.flush(time_us());
+}
+
+bool PeerTables::add_local_peer(GateInterface& iface, uint8_t addr, const std::optional<InetAddress>& inet_addr) {
+    auto found = local.find(addr);
+    if (found != local.end()) {
         const LocalPeer& old = found->second;
         // Heard again where it already lives: nothing to learn. Having an
         // address on one side only counts as a move.
@@ -96,21 +80,21 @@ bool Gate::add_local_peer(Interface& iface, uint8_t addr, const std::optional<In
             debug("remove old local peer on iface %u: %s", old.iface->id,
                   full_addr_s_local(addr, old.inet_addr).c_str());
         }
-        local_peers.erase(found);
+        local.erase(found);
     }
-    local_peers.emplace(addr, LocalPeer{&iface, inet_addr});
+    local.emplace(addr, LocalPeer{&iface, inet_addr});
     if (table_line_admitted())
         debug("add local peer on iface %u: %s", iface.id, full_addr_s_local(addr, inet_addr).c_str());
     return true;
 }
 
-bool Gate::add_manet_peer(Interface& iface, uint32_t manet_addr, uint8_t local_addr,
-                          std::unique_ptr<AddressResolver>&& resolver, std::optional<InetAddress> inet_addr,
-                          Origin origin) {
+bool PeerTables::add_manet_peer(GateInterface& iface, uint32_t manet_addr, uint8_t local_addr,
+                                std::unique_ptr<AddressResolver>&& resolver, std::optional<InetAddress> inet_addr,
+                                Origin origin) {
     // A peer is either resolved by name or given its address, never both.
     if (resolver && inet_addr) return false;
 
-    std::vector<MANetPeer>& links = manet_peers[manet_addr];
+    std::vector<MANetPeer>& links = manet[manet_addr];
     auto same_as_call = [&](const MANetPeer& link) {
         if (resolver) return link.resolver && link.resolver->to_s() == resolver->to_s();
         if (inet_addr && link.inet_addr) return *inet_addr == *link.inet_addr;
@@ -169,7 +153,7 @@ bool Gate::add_manet_peer(Interface& iface, uint32_t manet_addr, uint8_t local_a
     link.inet_addr = std::move(inet_addr);
     link.last_seen = static_cast<uint64_t>(time_us());
     link.origin = origin;
-    if (link.resolver) link.resolver->start(resolver_wake_up.pool());
+    if (link.resolver) link.resolver->start(resolvers);
     if (table_line_admitted()) {
         debug("add MANet peer on iface %u: %s", iface.id, full_addr_s_manet(manet_addr, link).c_str());
     }
@@ -178,13 +162,13 @@ bool Gate::add_manet_peer(Interface& iface, uint32_t manet_addr, uint8_t local_a
     return true;
 }
 
-void Gate::set_last_seen(uint32_t manet_addr, size_t index, uint64_t last_seen) {
-    MANetPeer& link = manet_peers.at(manet_addr).at(index);
+void PeerTables::set_last_seen(uint32_t manet_addr, size_t index, uint64_t last_seen) {
+    MANetPeer& link = manet.at(manet_addr).at(index);
     link.last_seen = last_seen;
-    if (link.iface->type == LOCAL) note_ageing(manet_addr, due_of(link));
+    if (link.iface->type == GateInterface::LOCAL) note_ageing(manet_addr, due_of(link));
 }
 
-void Gate::note_new_link(uint32_t manet_addr, const MANetPeer& link) {
+void PeerTables::note_new_link(uint32_t manet_addr, const MANetPeer& link) {
     if (link.origin == Origin::LEARNED) ++learned_links;
     if (link.origin == Origin::ANNOUNCED) {
         ++announced_links;
@@ -192,7 +176,7 @@ void Gate::note_new_link(uint32_t manet_addr, const MANetPeer& link) {
             announced_addrs.push_back(manet_addr);
         }
     }
-    if (link.iface->type == LOCAL) {
+    if (link.iface->type == GateInterface::LOCAL) {
         ++ageing_links;
         note_ageing(manet_addr, due_of(link));
     } else if (link.resolver && !link.inet_addr) {
@@ -203,24 +187,28 @@ void Gate::note_new_link(uint32_t manet_addr, const MANetPeer& link) {
 
 // The heap and the lists keep what they hold about a link that goes; they
 // check the table when they come to it.
-void Gate::forget_link(const MANetPeer& link) {
+void PeerTables::forget_link(const MANetPeer& link) {
     if (link.origin == Origin::LEARNED) --learned_links;
     if (link.origin == Origin::ANNOUNCED) --announced_links;
-    if (link.iface->type == LOCAL) --ageing_links;
+    if (link.iface->type == GateInterface::LOCAL) --ageing_links;
 }
 
-void Gate::note_ageing(uint32_t manet_addr, int64_t due_us) {
+void PeerTables::note_ageing(uint32_t manet_addr, int64_t due_us) {
     if (ageing.size() >= AGEING_SLACK_FACTOR * ageing_links + AGEING_SLACK_MIN) rebuild_ageing();
-    ageing.push_back({due_us, manet_addr});
+    push_due({due_us, manet_addr});
+}
+
+void PeerTables::push_due(const LinkDue& entry) {
+    ageing.push_back(entry);
     std::push_heap(ageing.begin(), ageing.end(), later_due);
 }
 
 // The earliest time at which one of `links` on a local interface expires;
 // false when none is on a local interface.
-bool Gate::earliest_due(const std::vector<MANetPeer>& links, int64_t& due_us) const {
+bool PeerTables::earliest_due(const std::vector<MANetPeer>& links, int64_t& due_us) const {
     bool any = false;
     for (const MANetPeer& link : links) {
-        if (link.iface->type != LOCAL) continue;
+        if (link.iface->type != GateInterface::LOCAL) continue;
         if (!any || due_of(link) < due_us) due_us = due_of(link);
         any = true;
     }
@@ -229,9 +217,9 @@ bool Gate::earliest_due(const std::vector<MANetPeer>& links, int64_t& due_us) co
 
 // One entry per gateway with links on local interfaces. A walk over the
 // table, but only after as many pushes as the table has ageing links.
-void Gate::rebuild_ageing() {
+void PeerTables::rebuild_ageing() {
     ageing.clear();
-    for (const auto& [manet_addr, links] : manet_peers) {
+    for (const auto& [manet_addr, links] : manet) {
         int64_t due_us = 0;
         if (earliest_due(links, due_us)) ageing.push_back({due_us, manet_addr});
     }
@@ -241,7 +229,7 @@ void Gate::rebuild_ageing() {
 // Links learned on local links go when the node falls silent; links on
 // other interfaces never age. Removals of one pass are printed in
 // ascending MANet address order.
-void Gate::age_learned_links(int64_t now) {
+void PeerTables::age_learned_links(int64_t now) {
     expiring.clear();
     while (!ageing.empty() && ageing.front().due_us < now) {
         expiring.push_back(ageing.front().manet_addr);
@@ -253,12 +241,12 @@ void Gate::age_learned_links(int64_t now) {
     expiring.erase(std::unique(expiring.begin(), expiring.end()), expiring.end());
 
     for (uint32_t manet_addr : expiring) {
-        auto found = manet_peers.find(manet_addr);
-        if (found == manet_peers.end()) continue;
+        auto found = manet.find(manet_addr);
+        if (found == manet.end()) continue;
         std::vector<MANetPeer>& links = found->second;
         for (size_t i = 0; i < links.size();) {
             MANetPeer& link = links[i];
-            if (link.iface->type != LOCAL || due_of(link) >= now) {
+            if (link.iface->type != GateInterface::LOCAL || due_of(link) >= now) {
                 ++i;
                 continue;
             }
@@ -273,7 +261,7 @@ void Gate::age_learned_links(int64_t now) {
         // from it is no longer accepted.
         int64_t due_us = 0;
         if (links.empty()) {
-            manet_peers.erase(found);
+            manet.erase(found);
         } else if (earliest_due(links, due_us)) {
             note_ageing(manet_addr, due_us);
         }
@@ -283,13 +271,13 @@ void Gate::age_learned_links(int64_t now) {
 // Finished name lookups give their links a socket address. A lookup that
 // finished without an answer leaves the link unresolved; it is not
 // restarted here.
-void Gate::collect_resolutions() {
+void PeerTables::collect_resolutions() {
     for (size_t i = 0; i < awaiting_resolution.size();) {
-        auto found = manet_peers.find(awaiting_resolution[i]);
+        auto found = manet.find(awaiting_resolution[i]);
         bool waiting = false;
-        if (found != manet_peers.end()) {
+        if (found != manet.end()) {
             for (MANetPeer& link : found->second) {
-                if (link.iface->type == LOCAL || !link.resolver || link.inet_addr) continue;
+                if (link.iface->type == GateInterface::LOCAL || !link.resolver || link.inet_addr) continue;
                 waiting = true;
                 if (!link.resolver->finished()) continue;
                 std::optional<InetAddress> resolved = link.resolver->get_resolved_address();
@@ -309,7 +297,7 @@ void Gate::collect_resolutions() {
 
 // Before a learned or announced link is added to a full table: one line
 // the first time, then the link of that origin seen longest ago goes.
-void Gate::make_room(Origin origin, uint32_t manet_addr) {
+void PeerTables::make_room(Origin origin, uint32_t manet_addr) {
     if (origin == Origin::LEARNED && learned_links >= MAX_LEARNED_LINKS) {
         if (!learned_cap_reached) {
             debug("WARNING: %zu learned MANet links, the most kept: a new one now replaces the one seen longest ago",
@@ -332,18 +320,17 @@ void Gate::make_room(Origin origin, uint32_t manet_addr) {
 // Learned links live on local interfaces, so the ageing heap knows which
 // is oldest once its top has been checked against the table. Gateways on
 // top that have only configured links are set aside and put back.
-void Gate::evict_learned_link(uint32_t keep_addr) {
+void PeerTables::evict_learned_link(uint32_t keep_addr) {
     std::vector<LinkDue> set_aside;
     while (!ageing.empty()) {
         const LinkDue top = ageing.front();
         std::pop_heap(ageing.begin(), ageing.end(), later_due);
         ageing.pop_back();
-        auto found = manet_peers.find(top.manet_addr);
+        auto found = manet.find(top.manet_addr);
         int64_t due_us = 0;
-        if (found == manet_peers.end() || !earliest_due(found->second, due_us)) continue;
+        if (found == manet.end() || !earliest_due(found->second, due_us)) continue;
         if (due_us > top.due_us) {  // refreshed since: file it at its true time
-            ageing.push_back({due_us, top.manet_addr});
-            std::push_heap(ageing.begin(), ageing.end(), later_due);
+            push_due({due_us, top.manet_addr});
             continue;
         }
         std::vector<MANetPeer>& links = found->second;
@@ -356,32 +343,26 @@ void Gate::evict_learned_link(uint32_t keep_addr) {
         }
         set_aside.push_back({due_us, top.manet_addr});
         if (oldest == links.size()) continue;
-        for (const LinkDue& entry : set_aside) {
-            ageing.push_back(entry);
-            std::push_heap(ageing.begin(), ageing.end(), later_due);
-        }
+        for (const LinkDue& entry : set_aside) push_due(entry);
         evict(found, oldest, keep_addr);
         return;
     }
-    for (const LinkDue& entry : set_aside) {
-        ageing.push_back(entry);
-        std::push_heap(ageing.begin(), ageing.end(), later_due);
-    }
+    for (const LinkDue& entry : set_aside) push_due(entry);
 }
 
 // At most MAX_ANNOUNCED_LINKS of them: a look at each is cheap.
-void Gate::evict_announced_link(uint32_t keep_addr) {
-    MANetPeers::iterator victim = manet_peers.end();
+void PeerTables::evict_announced_link(uint32_t keep_addr) {
+    MANetPeers::iterator victim = manet.end();
     size_t victim_index = 0;
     for (size_t a = 0; a < announced_addrs.size();) {
-        auto found = manet_peers.find(announced_addrs[a]);
+        auto found = manet.find(announced_addrs[a]);
         bool announced = false;
-        if (found != manet_peers.end()) {
+        if (found != manet.end()) {
             for (size_t i = 0; i < found->second.size(); ++i) {
                 const MANetPeer& link = found->second[i];
                 if (link.origin != Origin::ANNOUNCED) continue;
                 announced = true;
-                if (victim == manet_peers.end() || link.last_seen < victim->second[victim_index].last_seen) {
+                if (victim == manet.end() || link.last_seen < victim->second[victim_index].last_seen) {
                     victim = found;
                     victim_index = i;
                 }
@@ -393,12 +374,12 @@ void Gate::evict_announced_link(uint32_t keep_addr) {
             announced_addrs.erase(announced_addrs.begin() + static_cast<std::ptrdiff_t>(a));
         }
     }
-    if (victim != manet_peers.end()) evict(victim, victim_index, keep_addr);
+    if (victim != manet.end()) evict(victim, victim_index, keep_addr);
 }
 
 // Removes link `index` of `found` before its time. The gateway goes with
 // its last link, unless it is the one a link is being added to.
-void Gate::evict(MANetPeers::iterator found, size_t index, uint32_t keep_addr) {
+void PeerTables::evict(MANetPeers::iterator found, size_t index, uint32_t keep_addr) {
     std::vector<MANetPeer>& links = found->second;
     const MANetPeer& link = links[index];
     if (table_line_admitted()) {
@@ -407,7 +388,7 @@ void Gate::evict(MANetPeers::iterator found, size_t index, uint32_t keep_addr) {
     }
     forget_link(link);
     links.erase(links.begin() + static_cast<std::ptrdiff_t>(index));
-    if (links.empty() && found->first != keep_addr) manet_peers.erase(found);
+    if (links.empty() && found->first != keep_addr) manet.erase(found);
 }
 
 }  // namespace vostrelka
