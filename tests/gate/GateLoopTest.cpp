@@ -1,5 +1,5 @@
 // Single passes of the gate's main loop: events, timers, select() failures
-// and peer ageing; and the RF modem handler that each pass updates.
+// and the RF modem handler that each pass updates.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
@@ -106,50 +106,6 @@ TEST_F(GateLoopTest, SelectFailureIsLoggedAndThePassGoesOn) {
     });
     EXPECT_EQ(lines, Lines{"EventProcessor: ERROR: bad file descriptor!"});
     EXPECT_EQ(radio->sent.size(), 1u);
-}
-
-TEST_F(GateLoopTest, LinksLearnedOnLocalLinksAgeOutAfterTenSilentSeconds) {
-    bench.add_recording_iface(1);
-    bench.add_recording_iface(3, Gate::MANET);
-    const uint64_t now = static_cast<uint64_t>(vostrelka::time_us());
-    const uint64_t stale = now - Gate::PEER_TIMEOUT_US - SECOND_US / 2;
-    const struct {
-        uint32_t manet_addr, iface;
-        uint8_t local_addr;
-        uint64_t last_seen;
-    } links[] = {
-        {0x0B000001, 1, 0x07, stale},
-        {0x0B000002, 1, 0x08, stale},
-        {0x0B000002, 3, 0x09, stale},  // on the MANet interface: never ages
-        {0x0B000003, 1, 0x0A, now - Gate::PEER_TIMEOUT_US + SECOND_US},
-    };
-    for (const auto& l : links) {
-        log_lines_of([&] {
-            gate.add_manet_peer(bench.iface(l.iface), l.manet_addr, l.local_addr, nullptr, {}, Gate::Origin::LEARNED);
-        });
-        gate.set_last_seen(l.manet_addr, gate.manet_peer_table().at(l.manet_addr).size() - 1, l.last_seen);
-    }
-    const std::string seen = std::to_string(stale);
-    EXPECT_EQ(pass(), (Lines{"Remove MANet peer on iface 1, last seen " + seen + ": 0x0B000001 / 0x07",
-                             "Remove MANet peer on iface 1, last seen " + seen + ": 0x0B000002 / 0x08"}));
-    EXPECT_EQ(gate.manet_peer_table().count(0x0B000001), 0u);
-    ASSERT_EQ(gate.manet_peer_table().at(0x0B000002).size(), 1u);
-    EXPECT_EQ(gate.manet_peer_table().at(0x0B000002)[0].local_addr, 0x09);
-    EXPECT_EQ(gate.manet_peer_table().count(0x0B000003), 1u);
-}
-
-// A sighting refreshes a link after its time was filed for ageing: the
-// pass that finds it due looks again and keeps it.
-TEST_F(GateLoopTest, ARefreshedLinkOutlivesTheTimeItWasFiledUnder) {
-    bench.add_recording_iface(1);
-    const uint64_t stale = static_cast<uint64_t>(vostrelka::time_us()) - Gate::PEER_TIMEOUT_US - SECOND_US;
-    log_lines_of([&] {
-        gate.add_manet_peer(bench.iface(1), 0x0B000001, 0x07, nullptr, {}, Gate::Origin::LEARNED);
-        gate.set_last_seen(0x0B000001, 0, stale);
-        gate.add_manet_peer(bench.iface(1), 0x0B000001, 0x07, nullptr, {}, Gate::Origin::LEARNED);
-    });
-    EXPECT_EQ(pass(), Lines{});
-    EXPECT_EQ(gate.manet_peer_table().count(0x0B000001), 1u);
 }
 
 // The base config goes from the device to the modem at nine:

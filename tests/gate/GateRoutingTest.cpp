@@ -1,5 +1,5 @@
 // A Gate in this process, on devices that record what they are asked to
-// send: routing, the peer tables, and service frames naming a UTM server.
+// send: routing, and service frames naming a UTM server.
 #include <gtest/gtest.h>
 
 #include "support/InProcessGate.h"
@@ -15,10 +15,6 @@ using Frames = std::vector<RecordedFrame>;
 namespace {
 
 constexpr uint8_t OPAQUE_PROTO = 7;
-
-std::unique_ptr<AddressResolver> resolver(const std::string& text) {
-    return std::make_unique<AddressResolver>(*vostrelka::HostPort::from(text), false);
-}
 
 class GateRoutingTest : public ::testing::Test {
 protected:
@@ -128,61 +124,6 @@ TEST_F(GateRoutingTest, FramesThatLeadNowhereAreDroppedWithTheirLines) {
     EXPECT_EQ(serial1->counters().drops.unroutable, 3u);
 }
 
-TEST_F(GateRoutingTest, LocalPeerFollowsTheLastInterfaceAndAddressItWasHeardOn) {
-    EXPECT_EQ(local(1, 0x05), Lines{"add local peer on iface 1: 0x05"});
-    EXPECT_EQ(local(1, 0x05), Lines{});
-    EXPECT_EQ(local(2, 0x05), (Lines{"remove old local peer on iface 1: 0x05", "add local peer on iface 2: 0x05"}));
-    // An address appearing, changing or vanishing counts as a move.
-    EXPECT_EQ(local(2, 0x05, "127.0.0.1:9000"),
-              (Lines{"remove old local peer on iface 2: 0x05", "add local peer on iface 2: 0x05 / 127.0.0.1:9000"}));
-    EXPECT_EQ(local(2, 0x05, "127.0.0.1:9000"), Lines{});
-    EXPECT_EQ(local(2, 0x05, "127.0.0.1:9001"), (Lines{"remove old local peer on iface 2: 0x05 / 127.0.0.1:9000",
-                                                       "add local peer on iface 2: 0x05 / 127.0.0.1:9001"}));
-    EXPECT_EQ(local(2, 0x05).size(), 2u);
-    ASSERT_EQ(gate.local_peer_table().size(), 1u);
-    EXPECT_EQ(gate.local_peer_table().at(0x05).iface, &bench.iface(2));
-}
-
-TEST_F(GateRoutingTest, ASightingOfAKnownLinkRefreshesTheGatewaysFirstLink) {
-    link(1, 0x0A000001, 0x10);
-    link(2, 0x0A000001, 0x10);
-    auto& links = gate.manet_peer_table().at(0x0A000001);
-    const uint64_t long_ago = static_cast<uint64_t>(vostrelka::time_us()) - 60000000;
-    for (size_t i : {0, 1}) gate.set_last_seen(0x0A000001, i, long_ago);
-    // Matched on iface 2, refreshed on iface 1.
-    EXPECT_EQ(link(2, 0x0A000001, 0x10), Lines{});
-    ASSERT_EQ(links.size(), 2u);
-    EXPECT_GT(links[0].last_seen, long_ago);
-    EXPECT_EQ(links[1].last_seen, long_ago);
-}
-
-TEST_F(GateRoutingTest, ANewAddressOrHostReplacesTheLinkOnThatInterfaceOnly) {
-    link(1, 0x0A000001, 0x10);
-    link(3, 0x0A000001, 0x11, nullptr, "10.0.0.1:5000");
-    EXPECT_EQ(link(3, 0x0A000001, 0x22), Lines{});  // no address matches any link
-    EXPECT_EQ(link(3, 0x0A000001, 0x12, nullptr, "10.0.0.2:5000"),
-              (Lines{"Replace MANet peer on iface 3: 0x0A000001 / 0x11 / 10.0.0.1:5000",
-                     "add MANet peer on iface 3: 0x0A000001 / 0x12 / 10.0.0.2:5000"}));
-    // A host name never matches a link that has none.
-    EXPECT_EQ(link(3, 0x0A000001, 0xFF, resolver("localhost:5000")),
-              (Lines{"Replace MANet peer on iface 3: 0x0A000001 / 0x12 / 10.0.0.2:5000",
-                     "add MANet peer on iface 3: 0x0A000001 / 0xFF / localhost:5000 / UNKNOWN INET ADDR"}));
-    // The same host text only refreshes; the new resolver is dropped.
-    const AddressResolver* kept = gate.manet_peer_table().at(0x0A000001)[1].resolver.get();
-    EXPECT_EQ(link(3, 0x0A000001, 0xFF, resolver("localhost:5000")), Lines{});
-    EXPECT_EQ(gate.manet_peer_table().at(0x0A000001)[1].resolver.get(), kept);
-    ASSERT_EQ(gate.manet_peer_table().at(0x0A000001).size(), 2u);
-    EXPECT_EQ(gate.manet_peer_table().at(0x0A000001)[0].iface, &bench.iface(1));
-}
-
-TEST_F(GateRoutingTest, PeerTextIsCutAt127Characters) {
-    const std::string host(200, 'h');
-    EXPECT_EQ(gate.full_addr_s_manet(1, 2, resolver(host + ":1"), std::nullopt).size(), 127u);
-    InetAddress long_local = *InetAddress::from("1.2.3.4:5");
-    long_local.host = host;
-    EXPECT_EQ(gate.full_addr_s_local(0x05, long_local).size(), 127u);
-}
-
 TEST_F(GateRoutingTest, DeviceConfigIsForwardedThenAddsItsUtmOnceOnEveryManetInterface) {
     bench.add_recording_iface(4, Gate::MANET);
     local(2, 0x05);
@@ -226,61 +167,6 @@ TEST_F(GateRoutingTest, MalformedUnusableOrOtherServiceMessagesChangeNothing) {
         EXPECT_EQ(receive(*serial1, proto_id, 0x01, 0xFF, payload), expected);
         EXPECT_TRUE(gate.manet_peer_table().empty());
     }
-}
-
-// What traffic adds to the MANet table is capped; past a cap the oldest link
-// of the same origin makes room and configured links are never the one.
-TEST_F(GateRoutingTest, LearnedLinksAreCappedAndTheOneSeenLongestAgoMakesRoom) {
-    link(1, 0x0C000001, 0x05, nullptr, nullptr, Gate::Origin::CONFIGURED);
-    const uint64_t long_ago = static_cast<uint64_t>(vostrelka::time_us()) - 60000000;
-    gate.set_last_seen(0x0C000001, 0, long_ago - 1);  // older still, but configured
-    const Lines lines = log_lines_of([&] {
-        for (uint32_t i = 0; i < Gate::MAX_LEARNED_LINKS; ++i) {
-            gate.add_manet_peer(bench.iface(1 + i % 2), 0x0B000000 + i, 0x07, nullptr, std::nullopt,
-                                Gate::Origin::LEARNED);
-        }
-        gate.set_last_seen(0x0B000005, 0, long_ago);
-        gate.set_last_seen(0x0B000009, 0, long_ago + 1);
-        for (uint32_t addr : {0x0D000001, 0x0D000002}) {
-            gate.add_manet_peer(bench.iface(2), addr, 0x07, nullptr, std::nullopt, Gate::Origin::LEARNED);
-        }
-    });
-    const std::string warning =
-        "WARNING: 4096 learned MANet links, the most kept: a new one now replaces the one seen longest ago";
-    EXPECT_EQ(std::count(lines.begin(), lines.end(), warning), 1) << lines.size();
-    const auto& table = gate.manet_peer_table();
-    EXPECT_EQ(table.size(), Gate::MAX_LEARNED_LINKS + 1);
-    EXPECT_EQ(table.count(0x0B000005) + table.count(0x0B000009), 0u);
-    EXPECT_EQ(table.count(0x0C000001) + table.count(0x0D000001) + table.count(0x0D000002), 3u);
-}
-
-TEST_F(GateRoutingTest, AnnouncedLinksAreCappedAndNeverTakeOverAConfiguredGateway) {
-    link(3, 0x0A000001, 0x22, nullptr, "127.0.0.1:7000", Gate::Origin::CONFIGURED);
-    local(1, 0x01);
-    for (uint32_t i = 0; i < Gate::MAX_ANNOUNCED_LINKS; ++i) {
-        receive(*serial1, vostrelka::SERVICE_PROTO_ID, 0x01, 0xFF, device_config(0x0E000000 + i));
-    }
-    const uint64_t long_ago = static_cast<uint64_t>(vostrelka::time_us()) - 60000000;
-    gate.set_last_seen(0x0E000003, 0, long_ago);
-    const std::string utm = " / 0xFF / 127.0.0.1:5000 / UNKNOWN INET ADDR";
-    EXPECT_EQ(receive(*serial1, vostrelka::SERVICE_PROTO_ID, 0x01, 0xFF, device_config(0x0E0000FF)),
-              (Lines{"WARNING: 16 MANet links announced by device_config, the most kept: a new one now replaces the "
-                     "one seen longest ago",
-                     "Remove MANet peer on iface 3, last seen " + std::to_string(long_ago) + ": 0x0E000003" + utm,
-                     "add MANet peer on iface 3: 0x0E0000FF" + utm}));
-    EXPECT_EQ(receive(*serial1, vostrelka::SERVICE_PROTO_ID, 0x01, 0xFF, device_config(0x0E0000FE)).size(), 2u);
-
-    // The configured gateway keeps its address whatever a device says, and
-    // the attempt is a warning at every level.
-    for (int level : {0, 1}) {
-        gate.set_debug_level(level);
-        EXPECT_EQ(receive(*serial1, vostrelka::SERVICE_PROTO_ID, 0x01, 0xFF, device_config(0x0A000001)),
-                  Lines{"WARNING: device_config does not replace configured MANet peer on iface 3: 0x0A000001" + utm});
-    }
-    const auto& gateway = gate.manet_peer_table().at(0x0A000001);
-    ASSERT_EQ(gateway.size(), 1u);
-    EXPECT_EQ(gate.full_addr_s_manet(0x0A000001, gateway[0]), "0x0A000001 / 0x22 / 127.0.0.1:7000");
-    EXPECT_EQ(gate.manet_peer_table().size(), Gate::MAX_ANNOUNCED_LINKS + 1);
 }
 
 }  // namespace
