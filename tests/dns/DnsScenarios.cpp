@@ -11,11 +11,11 @@
 #include <cstdlib>
 #include <fstream>
 #include <set>
-#include <sstream>
 
 #include "dns/DnsResponder.h"
 #include "support/GateProcess.h"
 #include "support/InProcessGate.h"
+#include "support/ProcessStatus.h"
 #include "support/TempDir.h"
 #include "support/UdpEndpoint.h"
 #include "vostrelka/Resolver.h"
@@ -30,8 +30,6 @@ namespace {
 
 constexpr int64_t MS_US = 1000;
 constexpr int64_t SECOND_US = 1000000;
-constexpr int MANET_IFACE = 1;
-constexpr int LOCAL_IFACE = 2;
 
 std::string env(const char* name, const char* fallback = "") {
     const char* value = std::getenv(name);
@@ -45,32 +43,14 @@ void set_resolver_options(const std::string& options) {
         << "nameserver " << env("DNS_SERVER") << "\noptions " << options << "\n";
 }
 
-// What /proc says about a process: CPU seconds used and thread count.
-double cpu_seconds(pid_t pid) {
-    std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
-    std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-    std::istringstream fields(text.substr(text.rfind(')') + 2));
-    std::string field;
-    unsigned long ticks = 0;
-    for (int i = 3; i <= 15 && fields >> field; i++)
-        if (i >= 14) ticks += std::stoul(field);  // utime, stime
-    return static_cast<double>(ticks) / static_cast<double>(sysconf(_SC_CLK_TCK));
-}
-int threads_of(pid_t pid) {
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    for (std::string line; std::getline(status, line);)
-        if (line.rfind("Threads:", 0) == 0) return std::stoi(line.substr(8));
-    return -1;
-}
-
 void figure(const std::string& text) {
     std::printf("figure: %s\n", text.c_str());
     std::fflush(stdout);
 }
 
-std::string retrieved(int iface, const std::string& host_port, const std::string& address) {
-    return "MANet peer on iface " + std::to_string(iface) + " retrieved addrinfo '" + host_port + "': '" + address +
-           "'";
+// The line of a name of a MANet peer on iface 1 resolved.
+std::string retrieved(const std::string& host_port, const std::string& address) {
+    return "MANet peer on iface 1 retrieved addrinfo '" + host_port + "': '" + address + "'";
 }
 std::string warning_prefix(const std::string& host_port) {
     return "Resolver: WARN: failed to resolve address. " + host_port + ". Reason: ";
@@ -145,7 +125,7 @@ TEST_F(DnsScenarios, SlowAnswersResolveAndAreUsedAtOnce) {
     int64_t worst_us = 0;
     for (size_t i = 0; i < names.size(); i++) {
         const std::string& name = names[i].first;
-        const std::string line = retrieved(MANET_IFACE, name + ":7000", "10.9.0." + std::to_string(i + 1) + ":7000");
+        const std::string line = retrieved(name + ":7000", "10.9.0." + std::to_string(i + 1) + ":7000");
         ASSERT_TRUE(gate->wait_for_line(line, milliseconds(8000))) << gate->log();
         const auto answered = dns.answers();
         const auto answer = std::find_if(answered.begin(), answered.end(),
@@ -168,13 +148,7 @@ TEST_F(DnsScenarios, FailingNamesWarnAboutOnceASecondWhileTheGateIdles) {
     dns.set("gw-dead.test", {DnsReply::NEVER, "", 0, 0});
     start_gate({"gw-nx.test", "gw-dead.test"});
 
-    const int64_t window_us = 8 * SECOND_US;
-    const double cpu_before = cpu_seconds(gate->pid());
-    const int64_t begin = time_us();
-    std::this_thread::sleep_for(std::chrono::microseconds(window_us));
-    const double cpu_share =
-        (cpu_seconds(gate->pid()) - cpu_before) * SECOND_US / static_cast<double>(time_us() - begin);
-
+    const double cpu_percent = cpu_percent_of(gate->pid(), milliseconds(8000));
     const auto lines = gate->timed_lines();
     const std::pair<const char*, const char*> cases[] = {{"gw-nx.test:7000", "Name or service not known"},
                                                          {"gw-dead.test:7000", "Temporary failure in name resolution"}};
@@ -189,8 +163,8 @@ TEST_F(DnsScenarios, FailingNamesWarnAboutOnceASecondWhileTheGateIdles) {
             EXPECT_LT(warnings[i] - warnings[i - 1], 3 * SECOND_US) << name;
         }
     }
-    EXPECT_LT(cpu_share, 0.05) << "gate CPU while its names fail";
-    figure("idle CPU with NXDOMAIN and a dead server: " + std::to_string(cpu_share * 100) + " % of a core");
+    EXPECT_LT(cpu_percent, 5.0) << "gate CPU while its names fail";
+    figure("idle CPU with NXDOMAIN and a dead server: " + std::to_string(cpu_percent) + " % of a core");
 }
 
 // A thousand names nobody answers, configured and announced: the gate keeps
@@ -211,7 +185,7 @@ TEST_F(DnsScenarios, AThousandUnresolvableNamesAddNoThreads) {
     ASSERT_EQ(receiver.receive(5000), (Bytes{7, 0x10, 0x20, 1, 2, 3})) << gate->log();
     std::this_thread::sleep_for(milliseconds(3000));
 
-    const int threads = threads_of(gate->pid());
+    const long threads = proc_status(gate->pid(), "Threads:");
     EXPECT_EQ(threads, 1 + vostrelka::ResolverPool::POOL_SIZE);
     // The hundred announced names keep only the last 16 links, the cap said once.
     EXPECT_TRUE(
@@ -269,7 +243,7 @@ TEST_F(DnsScenarios, ReplacingTheUtmHostNeverStallsForwarding) {
     EXPECT_EQ(delays_us.size(), 500u) << "every frame arrived";
     const int64_t worst_us = delays_us.empty() ? 0 : *std::max_element(delays_us.begin(), delays_us.end());
     EXPECT_LT(worst_us, 50 * MS_US);
-    EXPECT_TRUE(gate->wait_for_line(retrieved(MANET_IFACE, "gw-u9.test:5000", "10.9.1.9:5000"))) << gate->log();
+    EXPECT_TRUE(gate->wait_for_line(retrieved("gw-u9.test:5000", "10.9.1.9:5000"))) << gate->log();
     figure("worst frame delay over 10 UTM host changes: " + std::to_string(worst_us / 1000.0) + " ms");
 }
 
@@ -315,7 +289,7 @@ TEST_F(DnsScenarios, JitteringAnswersNeverCrashAnything) {
     EXPECT_EQ(receiver.receive(3000), (Bytes{7, 0x10, 0x20, 4, 5, 6}));
     // The answered names resolve in the end, however their replies fell.
     for (int i = 0; i < 5; i++) {
-        const std::string line = retrieved(MANET_IFACE, names[i] + ":7000", "10.9.2." + std::to_string(i) + ":7000");
+        const std::string line = retrieved(names[i] + ":7000", "10.9.2." + std::to_string(i) + ":7000");
         bool seen = false;
         for (const int64_t deadline = time_us() + 20 * SECOND_US; !seen && time_us() < deadline;) {
             seen = gate->log().find(line) != std::string::npos;

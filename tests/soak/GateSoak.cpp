@@ -18,11 +18,11 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <random>
 #include <thread>
 
 #include "support/GateProcess.h"
+#include "support/ProcessStatus.h"
 #include "support/PtyPair.h"
 #include "support/TempDir.h"
 #include "support/UdpEndpoint.h"
@@ -50,13 +50,6 @@ struct Payload {
 Bytes valid_payload(uint32_t flow, uint32_t seq) {
     const Payload p{MAGIC, flow, seq};
     return Bytes(reinterpret_cast<const uint8_t*>(&p), reinterpret_cast<const uint8_t*>(&p + 1));
-}
-
-long rss_kb(pid_t pid) {
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    for (std::string line; std::getline(status, line);)
-        if (line.rfind("VmRSS:", 0) == 0) return std::strtol(line.c_str() + 6, nullptr, 10);
-    return -1;
 }
 
 }  // namespace
@@ -173,12 +166,12 @@ int main(int argc, char** argv) {
             if (rng() % 4 == 0) send_garbage();  // garbage at a quarter of the valid rate
         }
         drain();
-        if (tick == warm_up_seconds * TICKS_PER_SECOND) rss_warm = rss_kb(gate.pid());
+        if (tick == warm_up_seconds * TICKS_PER_SECOND) rss_warm = test_support::proc_status(gate.pid(), "VmRSS:");
         std::this_thread::sleep_until(start + std::chrono::milliseconds(tick + 1));
     }
     for (const auto settle = Clock::now() + std::chrono::seconds(2); Clock::now() < settle; usleep(1000)) drain();
     const bool gate_alive = alive();
-    const long rss_end = gate_alive ? rss_kb(gate.pid()) : -1;
+    const long rss_end = gate_alive ? test_support::proc_status(gate.pid(), "VmRSS:") : -1;
     if (gate_alive) kill(gate.pid(), SIGTERM), gate.wait_exit();
 
     unsigned long long once = 0, lost = 0, duplicated = 0;

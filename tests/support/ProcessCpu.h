@@ -1,9 +1,11 @@
 #pragma once
-// The CPU a process of the test uses, read from /proc/PID/stat.
+// What /proc says about a process of the test: CPU used, and the numbers of
+// its status file.
 #include <sys/types.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -36,6 +38,14 @@ inline double cpu_percent_of(pid_t pid, std::chrono::milliseconds period) {
     const long after = cpu_ticks_of(pid);
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     return 100.0 * static_cast<double>(after - before) / static_cast<double>(sysconf(_SC_CLK_TCK)) / seconds;
+}
+
+// A number from /proc/PID/status ("VmRSS:" in kB, "Threads:"), -1 if absent.
+inline long proc_status(pid_t pid, const std::string& field) {
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(status, line);)
+        if (line.rfind(field, 0) == 0) return std::strtol(line.c_str() + field.size(), nullptr, 10);
+    return -1;
 }
 
 }  // namespace test_support

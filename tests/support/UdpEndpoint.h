@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <optional>
 #include <string>
 #include <vector>
@@ -34,23 +35,32 @@ inline bool wait_readable(int fd, int timeout_ms = 1000) {
     return poll(&entry, 1, timeout_ms) == 1;
 }
 
-// Bound to 127.0.0.1 on a port the system picks.
+// Bound to 127.0.0.`host` on a port the system picks.
 class UdpEndpoint {
 public:
-    UdpEndpoint() {
-        const sockaddr_in addr = loopback(0);
+    explicit UdpEndpoint(uint8_t host = 1) {
+        sockaddr_in addr = loopback(0);
+        addr.sin_addr.s_addr = htonl(0x7F000000u | host);
         bind(socket_fd, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr));
     }
     ~UdpEndpoint() { close(socket_fd); }
 
     uint16_t port() const { return bound_port_of(socket_fd); }
-    std::string address() const { return "127.0.0.1:" + std::to_string(port()); }
+    std::string address() const { return "127.0.0.1:" + std::to_string(port()); }  // of host 1
 
     // One datagram to 127.0.0.1:`port`; true when all of it went out.
     bool send_to(uint16_t port, const Bytes& bytes) {
         const sockaddr_in to = loopback(port);
         return sendto(socket_fd, bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof(to)) ==
                static_cast<ssize_t>(bytes.size());
+    }
+    // `count` (at most 64) copies of `bytes` with one call; how many went.
+    int send_burst(uint16_t port, const Bytes& bytes, int count) {
+        sockaddr_in to = loopback(port);
+        iovec vector{const_cast<uint8_t*>(bytes.data()), bytes.size()};
+        mmsghdr messages[64]{};
+        for (mmsghdr& message : messages) message.msg_hdr = msghdr{&to, sizeof(to), &vector, 1, nullptr, 0, 0};
+        return sendmmsg(socket_fd, messages, static_cast<unsigned>(std::min(count, 64)), 0);
     }
     // The next datagram, or nothing once `timeout_ms` has passed.
     std::optional<Bytes> receive(int timeout_ms = 1000) {
