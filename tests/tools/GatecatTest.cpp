@@ -19,8 +19,8 @@ using namespace test_support;
 
 namespace {
 
-constexpr int EXIT_RUNTIME_FAILURE = 1;
-constexpr int EXIT_USAGE = 2;
+constexpr int FAILURE = 1;
+constexpr int USAGE = 2;
 
 std::string udpserial(uint16_t port, uint16_t to_port) {
     return "udpserial://127.0.0.1:" + std::to_string(port) + ":127.0.0.1:" + std::to_string(to_port);
@@ -35,44 +35,43 @@ ProcessResult gatecat(const std::string& command_line, const std::string& input 
 struct Invocation {
     int status;
     std::string command_line;
-    std::string err;  // all of it for a usage error, the end of it otherwise
+    std::string err;  // without "gatecat: ": all of it for a usage error, its last lines otherwise
     std::string input = "";
 };
 
 TEST(GatecatCommandLine, BadArgumentsFailWithOneLineAndRuntimeFailuresWithStatusOne) {
     const std::string iface = "udp://127.0.0.1:" + std::to_string(free_udp_port()), to_discard = iface + ":127.0.0.1:9";
     const Invocation runs[] = {
-        {EXIT_USAGE, "", "gatecat: missing command (dump, send, stats, peers or tap); try 'gatecat --help'"},
-        {EXIT_USAGE, "--verbose", "gatecat: unknown option '--verbose'; try 'gatecat --help'"},
-        {EXIT_USAGE, "dump " + iface + " --count=0",
-         "gatecat: dump: --count takes a whole number from 1 to 4294967295, not '0'"},
-        {EXIT_USAGE, "tap -dc", "gatecat: tap: -c needs a value"},
-        {EXIT_USAGE, "peers /run/gate.sock -w x.pcap", "gatecat: peers: unknown option '-w'; try 'gatecat --help'"},
-        {EXIT_USAGE, "dump tcp://127.0.0.1:5000",
-         "gatecat: dump: unsupported interface type 'tcp'; supported types: serial, can, udp, udpserial"},
-        {EXIT_USAGE, "send " + iface + " 07:01>02#AA",
-         "gatecat: send: sending on udp needs a destination: udp://HOST:PORT:DEST_HOST:DEST_PORT"},
-        {EXIT_USAGE, "send " + to_discard + " 07:01>02#ABC",
-         "gatecat: send: bad frame '07:01>02#ABC': payload byte 2 has one hex digit; a byte takes two"},
-        {EXIT_USAGE, "send " + to_discard, "gatecat: send: line 3: payload character 1 'Z' is not a hex digit",
+        {USAGE, "", "missing command (dump, send, stats, peers or tap); try 'gatecat --help'"},
+        {USAGE, "--verbose", "unknown option '--verbose'; try 'gatecat --help'"},
+        {USAGE, "dump " + iface + " --count=0", "dump: --count takes a whole number from 1 to 4294967295, not '0'"},
+        {USAGE, "tap -dc", "tap: -c needs a value"},
+        {USAGE, "peers /run/gate.sock -w x.pcap", "peers: unknown option '-w'; try 'gatecat --help'"},
+        {USAGE, "dump tcp://127.0.0.1:5000",
+         "dump: unsupported interface type 'tcp'; supported types: serial, can, udp, udpserial"},
+        {USAGE, "send " + iface + " 07:01>02#AA",
+         "send: sending on udp needs a destination: udp://HOST:PORT:DEST_HOST:DEST_PORT"},
+        {USAGE, "send " + to_discard + " 07:01>02#ABC",
+         "send: bad frame '07:01>02#ABC': payload byte 2 has one hex digit; a byte takes two"},
+        {USAGE, "send " + to_discard, "send: line 3: payload character 1 'Z' is not a hex digit",
          "07:01>02#AA\n\n07:01>02#ZZ\n07:01>02#BB\n"},
         // The device's own reasons come first, then gatecat's line.
-        {EXIT_RUNTIME_FAILURE, "dump udp://10.0.0.300:5000", "\ngatecat: dump: cannot open udp://10.0.0.300:5000"},
-        {EXIT_RUNTIME_FAILURE, "stats /nonexistent/gate.sock",
-         "gatecat: stats: cannot connect to /nonexistent/gate.sock: No such file or directory"},
-        {EXIT_RUNTIME_FAILURE, "dump " + iface + " -w /nonexistent/x.pcap",
-         "gatecat: dump: cannot write /nonexistent/x.pcap: No such file or directory"},
-        {EXIT_RUNTIME_FAILURE, "dump " + iface + " -c 2 --timeout 0.2",
-         "\ngatecat: 0 frames\ngatecat: dump: 0 of 2 frames before the timeout"},
-        {0, "dump " + iface + " --timeout 0.2", "\ngatecat: 0 frames"},
+        {FAILURE, "dump udp://10.0.0.300:5000", "dump: cannot open udp://10.0.0.300:5000"},
+        {FAILURE, "stats /nonexistent/gate.sock",
+         "stats: cannot connect to /nonexistent/gate.sock: No such file or directory"},
+        {FAILURE, "dump " + iface + " -w /nonexistent/x.pcap",
+         "dump: cannot write /nonexistent/x.pcap: No such file or directory"},
+        {FAILURE, "dump " + iface + " -c 2 --timeout 0.2", "0 frames\ngatecat: dump: 0 of 2 frames before the timeout"},
+        {0, "dump " + iface + " --timeout 0.2", "0 frames"},
     };
     for (const Invocation& run : runs) {
         const ProcessResult result = gatecat(run.command_line, run.input);
-        const std::string err = run.err + "\n";
         EXPECT_EQ(result.exit_status, run.status) << run.command_line;
         EXPECT_EQ(result.out, "") << run.command_line;
-        const size_t tail = result.err.size() - std::min(result.err.size(), err.size());
-        EXPECT_EQ(run.status == EXIT_USAGE ? result.err : result.err.substr(tail), err) << run.command_line;
+        // Whole lines: all it said, or the last of it.
+        const std::string said = "\n" + result.err, lines = "\ngatecat: " + run.err + "\n";
+        const size_t tail = run.status == USAGE ? 0 : said.size() - std::min(said.size(), lines.size());
+        EXPECT_EQ(said.substr(tail), lines) << run.command_line;
     }
 }
 
@@ -114,7 +113,7 @@ TEST(GatecatCommandLine, DumpOnASerialLineEndsWhenTheLineGoes) {
         } else {
             pty.hang_up();
         }
-        EXPECT_EQ(dump.wait_exit(), EXIT_RUNTIME_FAILURE) << dump.log();
+        EXPECT_EQ(dump.wait_exit(), FAILURE) << dump.log();
         EXPECT_TRUE(dump.wait_for_line("gatecat: dump: " + iface + " disconnected")) << dump.log();
     }
 }
