@@ -35,41 +35,22 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "gatecat: %s\n", error.c_str());
         return EXIT_USAGE;
     }
-    switch (command_line.command) {
-        case CommandLine::Command::HELP:
-            std::fputs(usage_text(), stdout);
-            return EXIT_OK;
-        case CommandLine::Command::VERSION:
-            std::printf("%s\n", vostrelka::version::SOFTWARE);
-            return EXIT_OK;
-        default:
-            break;
-    }
+    using Command = CommandLine::Command;
+    const Command command = command_line.command;
+    if (command == Command::HELP) std::fputs(usage_text(), stdout);
+    if (command == Command::VERSION) std::printf("%s\n", vostrelka::version::SOFTWARE);
+    if (command == Command::HELP || command == Command::VERSION) return EXIT_OK;
     FILE* frames_out = take_stdout_for_frames();
     if (frames_out == nullptr) {
         std::fprintf(stderr, "gatecat: cannot set up standard output\n");
         return EXIT_RUNTIME_FAILURE;
     }
     int status = EXIT_OK;
-    switch (command_line.command) {
-        case CommandLine::Command::DUMP:
-            status = run_dump(command_line, frames_out);
-            break;
-        case CommandLine::Command::SEND:
-            status = run_send(command_line, stdin);
-            break;
-        case CommandLine::Command::STATS:
-            status = run_stats(command_line, frames_out);
-            break;
-        case CommandLine::Command::PEERS:
-            status = run_peers(command_line, frames_out);
-            break;
-        case CommandLine::Command::TAP:
-            status = run_tap(command_line, frames_out);
-            break;
-        default:
-            break;
-    }
+    if (command == Command::DUMP) status = run_dump(command_line, frames_out);
+    if (command == Command::SEND) status = run_send(command_line, stdin);
+    if (command == Command::STATS) status = run_stats(command_line, frames_out);
+    if (command == Command::PEERS) status = run_peers(command_line, frames_out);
+    if (command == Command::TAP) status = run_tap(command_line, frames_out);
     std::fclose(frames_out);
     return status;
 }

@@ -144,25 +144,12 @@ bool load_manet_config(const char* path, manet_config& out) {
     while (reader.next(line) == LineReader::Result::LINE) {
         ConstSlice<char> name, value;
         if (!split_key_value(line, name, value)) continue;
-        switch (match_key(name)) {
-            case ADDR:
-                valid[ADDR] = parse_address(value, node_addr);
-                break;
-            case KEY:
-                valid[KEY] = parse_key(value, key);
-                break;
-            case UTM_ADDR:
-                valid[UTM_ADDR] = parse_address(value, utm_addr);
-                break;
-            case UTM_INET_ADDR:
-                valid[UTM_INET_ADDR] = parse_utm_inet_host(value, host);
-                break;
-            case UTM_INET_PORT:
-                valid[UTM_INET_PORT] = parse_utm_inet_port(value, port);
-                break;
-            default:
-                break;
-        }
+        const int k = match_key(name);
+        if (k == ADDR) valid[k] = parse_address(value, node_addr);
+        if (k == KEY) valid[k] = parse_key(value, key);
+        if (k == UTM_ADDR) valid[k] = parse_address(value, utm_addr);
+        if (k == UTM_INET_ADDR) valid[k] = parse_utm_inet_host(value, host);
+        if (k == UTM_INET_PORT) valid[k] = parse_utm_inet_port(value, port);
     }
     close(fd);
 
