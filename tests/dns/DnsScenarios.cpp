@@ -15,7 +15,7 @@
 #include "dns/DnsResponder.h"
 #include "support/GateProcess.h"
 #include "support/InProcessGate.h"
-#include "support/ProcessStatus.h"
+#include "support/ProcessCpu.h"
 #include "support/TempDir.h"
 #include "support/UdpEndpoint.h"
 #include "vostrelka/Resolver.h"

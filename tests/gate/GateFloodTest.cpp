@@ -14,7 +14,7 @@
 #include "support/GateLink.h"
 #include "support/GateProcess.h"
 #include "support/InProcessGate.h"
-#include "support/ProcessStatus.h"
+#include "support/ProcessCpu.h"
 #include "support/TempDir.h"
 #include "support/UdpEndpoint.h"
 #include "vostrelka/ProtoIds.h"

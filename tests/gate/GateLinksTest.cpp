@@ -10,7 +10,7 @@
 #include "support/ControlClient.h"
 #include "support/GateLink.h"
 #include "support/GateProcess.h"
-#include "support/ProcessStatus.h"
+#include "support/ProcessCpu.h"
 #include "support/TempDir.h"
 
 using namespace test_support;

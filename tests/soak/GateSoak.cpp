@@ -22,7 +22,7 @@
 #include <thread>
 
 #include "support/GateProcess.h"
-#include "support/ProcessStatus.h"
+#include "support/ProcessCpu.h"
 #include "support/PtyPair.h"
 #include "support/TempDir.h"
 #include "support/UdpEndpoint.h"
