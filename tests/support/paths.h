@@ -13,5 +13,8 @@ inline std::string gatecat_binary() {
 inline std::string gate_check_binary() {
     return GATE_CHECK_BINARY_PATH;
 }
+inline std::string gate_exporter_binary() {
+    return GATE_EXPORTER_BINARY_PATH;
+}
 
 }  // namespace test_support

@@ -89,7 +89,7 @@ private:
 
 // The exporter on a port of the system's choosing, told by its first line.
 struct Exporter {
-    explicit Exporter(const std::vector<std::string>& sockets) : process(exporter_binary(), args(sockets), true) {
+    explicit Exporter(const std::vector<std::string>& sockets) : process(gate_exporter_binary(), args(sockets), true) {
         const auto line = process.wait_for_prefix("gate-exporter: listening on 127.0.0.1:0, port ");
         if (line) port = static_cast<uint16_t>(std::stoi(line->substr(line->rfind(' ') + 1)));
     }
@@ -98,7 +98,6 @@ struct Exporter {
         all.insert(all.end(), sockets.begin(), sockets.end());
         return all;
     }
-    static std::string exporter_binary() { return GATE_EXPORTER_BINARY_PATH; }
 
     // The lines of /metrics that start with `prefix`; empty when the server
     // gave no whole answer.
