@@ -32,31 +32,16 @@ std::string hex_text(unsigned int value, int digits) {
     return text;
 }
 
-// "udp://127.0.0.1:7000/..." is of kind "udp".
-std::string kind_of(const std::string& description) {
-    const size_t end = description.find("://");
-    return end == std::string::npos ? description : description.substr(0, end);
-}
-
 ordered_json decode_errors(const net_device::DeviceCounters& counters) {
     ordered_json errors = ordered_json::object();
-    if (counters.decode_kind == net_device::DecodeErrorKind::SERIAL) {
-        const net_device::SerialEncoderErrorStats& serial = counters.serial;
-        errors = {{"crc", serial.crc_errors},
-                  {"short", serial.short_messages},
-                  {"escape", serial.escape_errors},
-                  {"rx_overflow", serial.rx_overflows},
-                  {"encode", serial.encode_errors}};
-    } else if (counters.decode_kind == net_device::DecodeErrorKind::CAN) {
-        const net_device::CanDeviceStats& can = counters.can;
-        errors = {{"crc", can.crc_errors},
-                  {"duplicate_seq", can.duplicate_seq},
-                  {"rx_overflow", can.rx_overflows},
-                  {"receivers_overwritten", can.receivers_overwritten},
-                  {"receivers_stalled", can.receivers_stalled},
-                  {"tx_queue_full", can.tx_queue_full}};
-    }
+    net_device::for_each_decode_error(counters, [&](const char* name, uint32_t value) { errors[name] = value; });
     return errors;
+}
+
+ordered_json drops(const net_device::DropCounters& counters) {
+    ordered_json drops = ordered_json::object();
+    for (const auto& counter : net_device::DROP_COUNTERS) drops[counter.name] = counters.*counter.field;
+    return drops;
 }
 
 ordered_json inet_text(const std::optional<InetAddress>& inet_addr) {
@@ -104,9 +89,10 @@ std::string Gate::stats_json() const {
     ordered_json interfaces = ordered_json::array();
     for (const auto& [id, iface] : ifaces) {
         const net_device::DeviceCounters counters = iface.net_device->counters();
+        const net_device::TransportKind* kind = net_device::NetDeviceFactory::kind_of(iface.description);
         interfaces.push_back({{"id", id},
                               {"description", iface.description},
-                              {"kind", kind_of(iface.description)},
+                              {"kind", kind ? kind->type : ""},
                               {"role", role_text(iface.type)},
                               {"link_up", link_up(*iface.net_device)},
                               {"frames_in", counters.frames_in},
@@ -114,11 +100,7 @@ std::string Gate::stats_json() const {
                               {"frames_out", counters.frames_out},
                               {"bytes_out", counters.bytes_out},
                               {"decode_errors", decode_errors(counters)},
-                              {"drops",
-                               {{"unroutable", counters.drops.unroutable},
-                                {"queue_full", counters.drops.queue_full},
-                                {"truncated", counters.drops.truncated},
-                                {"send_error", counters.drops.send_error}}}});
+                              {"drops", drops(counters.drops)}});
     }
     const ordered_json stats = {{"uptime_s", seconds(time_us() - started_us)},
                                 {"version", version::SOFTWARE},

@@ -47,7 +47,8 @@ std::string format(const char* pattern, unsigned long value) {
 // The kinds whose devices are UDP sockets: their peers carry a socket
 // address, and a fixed port is theirs alone.
 bool datagram_kind(const std::string& kind) {
-    return kind == "udp" || kind == "udpserial";
+    const net_device::TransportKind* found = net_device::NetDeviceFactory::find_kind(kind);
+    return found != nullptr && found->udp;
 }
 
 GateConfig::Iface describe(const std::string& where, const std::string& description, uint32_t id) {

@@ -96,7 +96,7 @@ TEST(GatecatCommandLine, TerminatedDumpStillPrintsItsSummaryAndExitsZero) {
         kill(dump.pid(), sig);
         EXPECT_EQ(dump.wait_exit(), 0) << sig;
         EXPECT_EQ(dump.lines().back(),
-                  "gatecat: 0 frames; codec errors: encode 0, rx overflow 0, crc 0, short 0, escape 0");
+                  "gatecat: 0 frames; codec errors: crc 0, short 0, escape 0, rx overflow 0, encode 0");
     }
 }
 

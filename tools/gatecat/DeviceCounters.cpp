@@ -1,34 +1,18 @@
 #include "gatecat/DeviceCounters.h"
 
-#include <cstdio>
+#include <algorithm>
 
 namespace vostrelka {
 namespace gatecat {
 
 std::string codec_error_counters(net_device::NetDevice& device) {
-    const net_device::DeviceCounters counters = device.counters();
-    char text[224];
-    switch (counters.decode_kind) {
-        case net_device::DecodeErrorKind::SERIAL: {
-            const net_device::SerialEncoderErrorStats& serial = counters.serial;
-            std::snprintf(text, sizeof text, "codec errors: encode %u, rx overflow %u, crc %u, short %u, escape %u",
-                          serial.encode_errors, serial.rx_overflows, serial.crc_errors, serial.short_messages,
-                          serial.escape_errors);
-            return text;
-        }
-        case net_device::DecodeErrorKind::CAN: {
-            const net_device::CanDeviceStats& can = counters.can;
-            std::snprintf(text, sizeof text,
-                          "codec errors: tx queue full %u, duplicate seq %u, crc %u, rx overflow %u, "
-                          "receivers overwritten %u, receivers stalled %u",
-                          can.tx_queue_full, can.duplicate_seq, can.crc_errors, can.rx_overflows,
-                          can.receivers_overwritten, can.receivers_stalled);
-            return text;
-        }
-        case net_device::DecodeErrorKind::NONE:
-            break;
-    }
-    return std::string();
+    std::string text;
+    net_device::for_each_decode_error(device.counters(), [&text](const char* name, uint32_t value) {
+        std::string label(name);
+        std::replace(label.begin(), label.end(), '_', ' ');
+        text += (text.empty() ? "codec errors: " : ", ") + label + " " + std::to_string(value);
+    });
+    return text;
 }
 
 }  // namespace gatecat

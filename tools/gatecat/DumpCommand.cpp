@@ -23,8 +23,8 @@ constexpr int64_t IDLE_WAIT_US = 1000000;
 
 class FramePrinter : public net_device::NetDeviceMessageHandlerI {
 public:
-    FramePrinter(FILE* out, bool decode, uint32_t limit, PcapWriter* capture, CaptureMedium medium)
-        : out(out), decode(decode), limit(limit), capture(capture), medium(medium) {}
+    FramePrinter(FILE* out, bool decode, uint32_t limit, PcapWriter* capture, const net_device::TransportKind* kind)
+        : out(out), decode(decode), limit(limit), capture(capture), kind(kind) {}
 
     void on_frame(net_device::NetDevice&, const net_device::Frame& frame) override {
         // A read may bring more frames than are still wanted.
@@ -34,8 +34,7 @@ public:
             std::fprintf(out, "%s\n", frame_line(now_us, "", frame, decode).c_str());
             std::fflush(out);
         }
-        if (capture != nullptr && !capture->write(now_us, 0, CaptureDirection::IN, medium, frame))
-            capture_failed = true;
+        if (capture != nullptr && !capture->write(now_us, 0, CaptureDirection::IN, kind, frame)) capture_failed = true;
         printed++;
     }
 
@@ -48,7 +47,7 @@ private:
     bool decode;
     uint32_t limit;
     PcapWriter* capture;
-    CaptureMedium medium;
+    const net_device::TransportKind* kind;
     uint32_t printed = 0;
     bool capture_failed = false;
 };
@@ -78,10 +77,10 @@ int run_dump(const CommandLine& command_line, FILE* out) {
                      std::strerror(errno));
         return EXIT_RUNTIME_FAILURE;
     }
-    const CaptureMedium medium = capture_medium_of(command_line.iface.substr(0, command_line.iface.find("://")));
     // A capture on standard output has it to itself: no frame lines.
     FramePrinter printer(PcapWriter::is_stdout(command_line.capture_path) ? nullptr : out, command_line.decode,
-                         command_line.count, command_line.capture_path.empty() ? nullptr : &capture, medium);
+                         command_line.count, command_line.capture_path.empty() ? nullptr : &capture,
+                         net_device::NetDeviceFactory::kind_of(command_line.iface));
     device->set_handler(&printer);
     std::fprintf(stderr, "gatecat: listening on %s\n", command_line.iface.c_str());
 

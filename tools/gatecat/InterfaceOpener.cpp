@@ -1,5 +1,8 @@
 #include "gatecat/InterfaceOpener.h"
 
+#include <algorithm>
+#include <vector>
+
 namespace vostrelka {
 namespace gatecat {
 
@@ -11,6 +14,19 @@ constexpr const char* EVERY_DESTINATION_SUFFIX = "/255";
 // digit first; anything after the digits it ignores, and so do we.
 bool starts_with_digit(const std::string& text) {
     return !text.empty() && text[0] >= '0' && text[0] <= '9';
+}
+
+// "BAUD" of "PATH:BAUD[:STOPBITS]", by position.
+std::vector<std::string> param_names(const net_device::TransportKind& kind) {
+    std::vector<std::string> names(1);
+    for (const char* c = kind.params; *c != '\0'; c++) {
+        if (*c == ':') {
+            names.emplace_back();
+        } else if (*c != '[' && *c != ']') {
+            names.back() += *c;
+        }
+    }
+    return names;
 }
 
 }  // namespace
@@ -36,28 +52,19 @@ bool InterfaceOpener::check(const std::string& iface, bool for_sending, std::str
     if (!net_device::NetDeviceFactory::check_params(parsed, &error)) return false;
     // The factory reads the numbers when it opens the device; a tool says
     // what is wrong with them before opening anything.
-    const auto& params = parsed.params;
-    if (parsed.type == "serial") {
-        if (!starts_with_digit(params[1])) {
-            error = "serial baud rate '" + params[1] + "' is not a number";
+    const net_device::TransportKind& kind = *net_device::NetDeviceFactory::find_kind(parsed.type);
+    const std::vector<std::string> names = param_names(kind);
+    for (size_t i = 0; i < parsed.params.size(); i++) {
+        if ((kind.numeric_params >> i & 1) != 0 && !starts_with_digit(parsed.params[i])) {
+            error = parsed.type + " " + names[i] + " '" + parsed.params[i] + "' is not a number";
             return false;
         }
-        if (params.size() == 3 && !starts_with_digit(params[2])) {
-            error = "serial stop bits '" + params[2] + "' is not a number";
-            return false;
-        }
-    } else if (parsed.type == "udp" || parsed.type == "udpserial") {
-        for (size_t i = 1; i < params.size(); i += 2) {
-            if (!starts_with_digit(params[i])) {
-                error = parsed.type + " port '" + params[i] + "' is not a number";
-                return false;
-            }
-        }
-        if (for_sending && params.size() != 4) {
-            error = "sending on " + parsed.type + " needs a destination: " + parsed.type +
-                    "://HOST:PORT:DEST_HOST:DEST_PORT";
-            return false;
-        }
+    }
+    if (for_sending && kind.udp && parsed.params.size() != kind.max_params()) {
+        std::string form = kind.params;
+        form.erase(std::remove_if(form.begin(), form.end(), [](char c) { return c == '[' || c == ']'; }), form.end());
+        error = "sending on " + parsed.type + " needs a destination: " + parsed.type + "://" + form;
+        return false;
     }
     return true;
 }

@@ -54,14 +54,6 @@ bool append_serial_framed(const net_device::Frame& frame, std::vector<uint8_t>& 
 
 }  // namespace
 
-CaptureMedium capture_medium_of(const std::string& type) {
-    if (type == "udp") return CaptureMedium::UDP;
-    if (type == "udpserial") return CaptureMedium::UDPSERIAL;
-    if (type == "serial") return CaptureMedium::SERIAL;
-    if (type == "can") return CaptureMedium::CAN;
-    return CaptureMedium::UNKNOWN;
-}
-
 PcapWriter::PcapWriter() {
     packet.reserve(RECORD_HEADER_SIZE + PSEUDO_HEADER_SIZE + MAX_SERIAL_FRAME_SIZE);
 }
@@ -85,14 +77,14 @@ bool PcapWriter::open(const std::string& path, FILE* stdout_stream) {
     return std::fwrite(header.data(), 1, header.size(), file) == header.size() && std::fflush(file) == 0;
 }
 
-bool PcapWriter::write(int64_t time_us, uint32_t iface, CaptureDirection direction, CaptureMedium medium,
-                       const net_device::Frame& frame) {
+bool PcapWriter::write(int64_t time_us, uint32_t iface, CaptureDirection direction,
+                       const net_device::TransportKind* kind, const net_device::Frame& frame) {
     if (file == nullptr) return false;
     packet.assign(RECORD_HEADER_SIZE, 0);
     put_u32(packet, iface);
     packet.push_back(static_cast<uint8_t>(direction));
-    packet.push_back(static_cast<uint8_t>(medium));
-    if (medium == CaptureMedium::SERIAL || medium == CaptureMedium::UDPSERIAL) {
+    packet.push_back(kind ? kind->capture_medium : 0);
+    if (kind && kind->serial_framed) {
         if (!append_serial_framed(frame, packet)) return false;
     } else {
         packet.push_back(frame.proto_id);

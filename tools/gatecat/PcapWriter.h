@@ -10,8 +10,9 @@
 //   0       4     iface id, little-endian (0 for `gatecat dump`, which
 //                 watches one interface and knows no id)
 //   4       1     direction: 0 received, 1 sent
-//   5       1     medium: 0 unknown, 1 udp, 2 udpserial, 3 serial, 4 can
-//   6       rest  the frame: on udpserial and serial in the serial framing
+//   5       1     medium: 0 unknown, else the transport kind's
+//                 capture_medium (1 udp, 2 udpserial, 3 serial, 4 can)
+//   6       rest  the frame: on serial-framed kinds in the serial framing
 //                 the link carries (0x42, CRC-32, proto_id, src, dst,
 //                 payload, 0x42, escaped); otherwise as a "udp" datagram
 //                 carries it (proto_id, src, dst, payload)
@@ -24,16 +25,12 @@
 #include <vector>
 
 #include "vostrelka/net_device/Frame.h"
+#include "vostrelka/net_device/NetDeviceFactory.h"
 
 namespace vostrelka {
 namespace gatecat {
 
 enum class CaptureDirection : uint8_t { IN = 0, OUT = 1 };
-enum class CaptureMedium : uint8_t { UNKNOWN = 0, UDP = 1, UDPSERIAL = 2, SERIAL = 3, CAN = 4 };
-
-// The medium of an interface type as descriptions and the gateway's
-// statistics name it ("udp", "udpserial", "serial", "can").
-CaptureMedium capture_medium_of(const std::string& type);
 
 class PcapWriter {
 public:
@@ -52,8 +49,9 @@ public:
 
     // Appends one packet and flushes it, so that the file is complete
     // whenever gatecat stops and a reader on a pipe sees each frame as it
-    // comes. False on a write error.
-    bool write(int64_t time_us, uint32_t iface, CaptureDirection direction, CaptureMedium medium,
+    // comes. `kind` is the interface's, null when unknown. False on a write
+    // error.
+    bool write(int64_t time_us, uint32_t iface, CaptureDirection direction, const net_device::TransportKind* kind,
                const net_device::Frame& frame);
 
     // Whether `path` names standard output rather than a file.

@@ -23,11 +23,11 @@ using nlohmann::json;
 constexpr int64_t IDLE_WAIT_US = 1000000;
 constexpr int64_t KINDS_WAIT_US = 5000000;
 
-// The medium of each interface, for the capture's pseudo-header, from one
+// The transport kind of each interface, for the capture's pseudo-header, from one
 // "stats" request. Empty when it cannot be had: the capture then says
 // "unknown" and holds every frame in its datagram form.
-std::map<uint32_t, CaptureMedium> interface_media(const std::string& socket_path) {
-    std::map<uint32_t, CaptureMedium> media;
+std::map<uint32_t, const net_device::TransportKind*> interface_media(const std::string& socket_path) {
+    std::map<uint32_t, const net_device::TransportKind*> media;
     control::ControlClient client;
     std::string line, error;
     if (!client.request(socket_path, "stats", error) ||
@@ -41,7 +41,7 @@ std::map<uint32_t, CaptureMedium> interface_media(const std::string& socket_path
         if (!iface.is_object() || id == iface.end() || kind == iface.end() || !id->is_number_unsigned() ||
             !kind->is_string())
             continue;
-        media[id->get<uint32_t>()] = capture_medium_of(kind->get<std::string>());
+        media[id->get<uint32_t>()] = net_device::NetDeviceFactory::find_kind(kind->get<std::string>());
     }
     return media;
 }
@@ -91,7 +91,7 @@ int run_tap(const CommandLine& command_line, FILE* out) {
         return EXIT_RUNTIME_FAILURE;
     }
     PcapWriter capture;
-    std::map<uint32_t, CaptureMedium> media;
+    std::map<uint32_t, const net_device::TransportKind*> media;
     if (!command_line.capture_path.empty()) {
         if (!capture.open(command_line.capture_path, out)) {
             std::fprintf(stderr, "gatecat: tap: cannot write %s: %s\n", command_line.capture_path.c_str(),
@@ -155,7 +155,7 @@ int run_tap(const CommandLine& command_line, FILE* out) {
         if (command_line.capture_path.empty()) continue;
         const auto medium = media.find(tapped.iface);
         if (!capture.write(tapped.time_us, tapped.iface, tapped.out ? CaptureDirection::OUT : CaptureDirection::IN,
-                           medium == media.end() ? CaptureMedium::UNKNOWN : medium->second, frame)) {
+                           medium == media.end() ? nullptr : medium->second, frame)) {
             std::fprintf(stderr, "gatecat: tap: cannot write %s\n", command_line.capture_path.c_str());
             status = EXIT_RUNTIME_FAILURE;
             break;

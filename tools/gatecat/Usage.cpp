@@ -1,10 +1,32 @@
 #include "gatecat/Usage.h"
 
+#include <algorithm>
+#include <vector>
+
+#include "vostrelka/net_device/NetDeviceFactory.h"
+
 namespace vostrelka {
 namespace gatecat {
 
-const char* usage_text() {
-    return R"USAGE(gatecat - send and watch frames on serial, CAN and UDP interfaces, and
+namespace {
+
+// One line per transport kind, its form and what it is, in two columns.
+std::string kind_lines() {
+    std::vector<std::string> forms;
+    size_t width = 0;
+    for (const net_device::TransportKind& kind : net_device::TRANSPORT_KINDS) {
+        forms.push_back(std::string("  ") + kind.type + "://" + kind.params);
+        width = std::max(width, forms.back().size() + 2);
+    }
+    std::string lines;
+    for (size_t i = 0; i < forms.size(); i++) {
+        forms[i].resize(width, ' ');
+        lines += forms[i] + net_device::TRANSPORT_KINDS[i].note + "\n";
+    }
+    return lines;
+}
+
+const char* HEAD = R"USAGE(gatecat - send and watch frames on serial, CAN and UDP interfaces, and
 look inside a running gateway
 
 Usage:
@@ -17,11 +39,9 @@ Usage:
 
 IFACE is an interface description as the gateway's configuration file
 writes it:
-  serial://PATH:BAUD[:STOPBITS]                serial:///dev/ttyUSB0:115200
-  can://NAME                                   can://can0
-  udp://HOST:PORT[:DEST_HOST:DEST_PORT]        one frame per datagram
-  udpserial://HOST:PORT[:DEST_HOST:DEST_PORT]  serial framing in datagrams
-HOST:PORT is where gatecat listens (its own end); DEST_HOST:DEST_PORT is
+)USAGE";
+
+const char* TAIL = R"USAGE(HOST:PORT is where gatecat listens (its own end); DEST_HOST:DEST_PORT is
 where it sends, and `send` needs it. Hosts are numeric IPv4 addresses. A
 trailing /ADDRESS (0x10 or 16) makes the device keep only frames for that
 address or broadcast; without one a dump shows every frame.
@@ -99,6 +119,12 @@ Exit status:
   2  usage error: a bad command, option, interface description or frame,
      with one line on standard error
 )USAGE";
+
+}  // namespace
+
+const std::string& usage_text() {
+    static const std::string TEXT = HEAD + kind_lines() + TAIL;
+    return TEXT;
 }
 
 }  // namespace gatecat

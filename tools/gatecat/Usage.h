@@ -1,10 +1,11 @@
 #pragma once
+#include <string>
 
 namespace vostrelka {
 namespace gatecat {
 
 // The text of `gatecat --help`, ending in a newline.
-const char* usage_text();
+const std::string& usage_text();
 
 }  // namespace gatecat
 }  // namespace vostrelka

@@ -37,7 +37,7 @@ int main(int argc, char** argv) {
     }
     using Command = CommandLine::Command;
     const Command command = command_line.command;
-    if (command == Command::HELP) std::fputs(usage_text(), stdout);
+    if (command == Command::HELP) std::fputs(usage_text().c_str(), stdout);
     if (command == Command::VERSION) std::printf("%s\n", vostrelka::version::SOFTWARE);
     if (command == Command::HELP || command == Command::VERSION) return EXIT_OK;
     FILE* frames_out = take_stdout_for_frames();

@@ -55,5 +55,46 @@ struct DeviceCounters {
     DropCounters drops;
 };
 
+// Every counter's name, once: the control socket's JSON keys are these
+// names, and texts for people write them with blanks for the underscores
+// ("rx overflow"). The order is the order every reader shows them in.
+template <typename Counters, typename Value>
+struct NamedCounter {
+    const char* name;
+    Value Counters::*field;
+};
+
+inline constexpr NamedCounter<SerialEncoderErrorStats, uint32_t> SERIAL_DECODE_ERRORS[] = {
+    {"crc", &SerialEncoderErrorStats::crc_errors},       {"short", &SerialEncoderErrorStats::short_messages},
+    {"escape", &SerialEncoderErrorStats::escape_errors}, {"rx_overflow", &SerialEncoderErrorStats::rx_overflows},
+    {"encode", &SerialEncoderErrorStats::encode_errors},
+};
+
+inline constexpr NamedCounter<CanDeviceStats, uint32_t> CAN_DECODE_ERRORS[] = {
+    {"crc", &CanDeviceStats::crc_errors},
+    {"duplicate_seq", &CanDeviceStats::duplicate_seq},
+    {"rx_overflow", &CanDeviceStats::rx_overflows},
+    {"receivers_overwritten", &CanDeviceStats::receivers_overwritten},
+    {"receivers_stalled", &CanDeviceStats::receivers_stalled},
+    {"tx_queue_full", &CanDeviceStats::tx_queue_full},
+};
+
+inline constexpr NamedCounter<DropCounters, uint64_t> DROP_COUNTERS[] = {
+    {"unroutable", &DropCounters::unroutable},
+    {"queue_full", &DropCounters::queue_full},
+    {"truncated", &DropCounters::truncated},
+    {"send_error", &DropCounters::send_error},
+};
+
+// Calls visit(name, value) for each decode error counter the device keeps.
+template <typename Visit>
+void for_each_decode_error(const DeviceCounters& counters, Visit&& visit) {
+    if (counters.decode_kind == DecodeErrorKind::SERIAL) {
+        for (const auto& counter : SERIAL_DECODE_ERRORS) visit(counter.name, counters.serial.*counter.field);
+    } else if (counters.decode_kind == DecodeErrorKind::CAN) {
+        for (const auto& counter : CAN_DECODE_ERRORS) visit(counter.name, counters.can.*counter.field);
+    }
+}
+
 }  // namespace net_device
 }  // namespace vostrelka

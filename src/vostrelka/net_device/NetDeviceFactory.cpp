@@ -1,5 +1,6 @@
 #include "vostrelka/net_device/NetDeviceFactory.h"
 
+#include <algorithm>
 #include <exception>
 
 namespace vostrelka {
@@ -23,22 +24,6 @@ std::vector<std::string> split_params(const std::string& text) {
     params.push_back(text.substr(start));
     return params;
 }
-
-// The parameters each type takes: `min_params` or `max_params` of them.
-struct ParamsForm {
-    const char* type;
-    size_t min_params;
-    size_t max_params;
-    const char* form;
-    const char* example;
-};
-
-constexpr ParamsForm PARAMS_FORMS[] = {
-    {"serial", 2, 3, "PATH:BAUD or PATH:BAUD:STOPBITS", "serial:///dev/ttyUSB0:115200"},
-    {"can", 1, 1, "one interface name", "can://can0"},
-    {"udp", 2, 4, "HOST:PORT or HOST:PORT:DEST_HOST:DEST_PORT", "udp://127.0.0.1:5000:127.0.0.1:5001"},
-    {"udpserial", 2, 4, "HOST:PORT or HOST:PORT:DEST_HOST:DEST_PORT", "udpserial://127.0.0.1:5000:127.0.0.1:5001"},
-};
 
 }  // namespace
 
@@ -73,15 +58,47 @@ int NetDeviceFactory::parse_interface_desc(const std::string& desc, InterfaceDes
 }
 
 bool NetDeviceFactory::check_params(const InterfaceDescription& desc, std::string* error) {
-    for (const ParamsForm& form : PARAMS_FORMS) {
-        if (desc.type != form.type) continue;
-        const size_t count = desc.params.size();
-        if (count == form.min_params || count == form.max_params) return true;
-        if (error) *error = desc.type + " takes " + form.form + ", e.g. " + form.example;
+    const TransportKind* kind = find_kind(desc.type);
+    if (kind == nullptr) {
+        if (error) *error = "unsupported interface type '" + desc.type + "'; supported types: " + supported_types();
         return false;
     }
-    if (error) *error = "unsupported interface type '" + desc.type + "'; supported types: " + SUPPORTED_TYPES;
+    const size_t count = desc.params.size();
+    if (count == kind->min_params() || count == kind->max_params()) return true;
+    if (error) *error = desc.type + " takes " + kind->params + ", e.g. " + kind->example;
     return false;
+}
+
+const TransportKind* NetDeviceFactory::find_kind(const std::string& type) {
+    for (const TransportKind& kind : TRANSPORT_KINDS) {
+        if (type == kind.type) return &kind;
+    }
+    return nullptr;
+}
+
+const TransportKind* NetDeviceFactory::kind_of(const std::string& description) {
+    return find_kind(description.substr(0, description.find(TYPE_SEPARATOR)));
+}
+
+const std::string& NetDeviceFactory::supported_types() {
+    static const std::string TYPES = [] {
+        std::string types;
+        for (const TransportKind& kind : TRANSPORT_KINDS) types += (types.empty() ? "" : ", ") + std::string(kind.type);
+        return types;
+    }();
+    return TYPES;
+}
+
+// "A:B[:C:D]": A and B always, C and D together or not at all.
+size_t TransportKind::min_params() const {
+    const std::string form(params);
+    const size_t optional = form.find('[');
+    return std::count(form.begin(), optional == std::string::npos ? form.end() : form.begin() + optional, ':') + 1;
+}
+
+size_t TransportKind::max_params() const {
+    const std::string form(params);
+    return std::count(form.begin(), form.end(), ':') + 1;
 }
 
 }  // namespace net_device

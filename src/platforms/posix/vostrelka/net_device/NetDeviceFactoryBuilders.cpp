@@ -2,6 +2,7 @@
 // builds one from a description the portable half has parsed.
 #include <cstdint>
 #include <exception>
+#include <iterator>
 #include <optional>
 #include <string>
 #include <vector>
@@ -74,6 +75,13 @@ std::unique_ptr<NetDevice> make_udp_device(const NetDeviceFactory::InterfaceDesc
     return device;
 }
 
+// The builder of each row of TRANSPORT_KINDS, in its order. Kept here, not
+// in the table, so that the portable library does not need this one.
+using Builder = std::unique_ptr<NetDevice> (NetDeviceFactory::*)(NetDeviceFactory::InterfaceDescription&);
+constexpr Builder BUILDERS[] = {&NetDeviceFactory::make_net_device_serial, &NetDeviceFactory::make_net_device_can,
+                                &NetDeviceFactory::make_net_device_udp, &NetDeviceFactory::make_net_device_udpserial};
+static_assert(std::size(BUILDERS) == std::size(TRANSPORT_KINDS), "a builder for every transport kind");
+
 }  // namespace
 
 std::unique_ptr<NetDevice> NetDeviceFactory::make_net_device(const std::string& desc) {
@@ -82,11 +90,9 @@ std::unique_ptr<NetDevice> NetDeviceFactory::make_net_device(const std::string& 
         debug("ERROR: invalid interface description");
         return nullptr;
     }
-    if (parsed.type == "can") return make_net_device_can(parsed);
-    if (parsed.type == "serial") return make_net_device_serial(parsed);
-    if (parsed.type == "udp") return make_net_device_udp(parsed);
-    if (parsed.type == "udpserial") return make_net_device_udpserial(parsed);
-    debug("ERROR: unsupported interface type \"%s\", supported types: %s", parsed.type.c_str(), SUPPORTED_TYPES);
+    if (const TransportKind* kind = find_kind(parsed.type)) return (this->*BUILDERS[kind - TRANSPORT_KINDS])(parsed);
+    debug("ERROR: unsupported interface type \"%s\", supported types: %s", parsed.type.c_str(),
+          supported_types().c_str());
     return nullptr;
 }
 
