@@ -43,3 +43,69 @@ TEST(Metadata, DeviceConfigTravelsInAGuarantorRecordWithItsFieldsAtTheirOffsets)
     ASSERT_TRUE(decode(ConstSlice<uint8_t>(record + 10, 114), back));
     EXPECT_TRUE(back == d);
 }
+
+// The schema texts are what gatecat and the capture dissector read, and the
+// fixed sizes what every encoder and decoder keeps to.
+TEST(Metadata, DescriptorsStateEachMessagesFieldsInWireOrder) {
+    using namespace firmware_configurator;
+    using namespace rfmodem;
+    const MessageMetadata* const manet = &manet_config::METADATA;
+    const struct {
+        const MessageMetadata& metadata;
+        uint64_t fixed_body_size;
+        const char* name;
+        const char* schema;
+        uint64_t expected_size;
+        const MessageMetadata* nested;
+    } cases[] = {
+        {utm_status::METADATA, utm_status::FIXED_BODY_SIZE, "utm_status", "uint32_t manet_addr;uint8_t online;", 5,
+         nullptr},
+        {ack::METADATA, ack::FIXED_BODY_SIZE, "ack", "int8_t status;string status_str;", 5, nullptr},
+        {manet_config::METADATA, manet_config::FIXED_BODY_SIZE, "manet_config",
+         "uint32_t node_manet_addr;uint32_t utm_manet_addr;uint16_t utm_inet_port;uint8_t[16] node_manet_key;"
+         "uint8_t[32] utm_inet_host;string generic_config_json;",
+         62, nullptr},
+        {set_config::METADATA, set_config::FIXED_BODY_SIZE, "set_config",
+         "uint8_t finalize;uint8_t[16] hash;manet_config manet_config;", 79, manet},
+        {device_config::METADATA, device_config::FIXED_BODY_SIZE, "device_config",
+         "uint8_t[32] device_serial;uint8_t[16] hash;uint8_t cfg_id;manet_config manet_config;", 111, manet},
+        {base_config::METADATA, base_config::FIXED_BODY_SIZE, "base_config",
+         "uint32_t addr;float power;uint8_t channel;", 9, nullptr},
+        {client_config::METADATA, client_config::FIXED_BODY_SIZE, "client_config", "float power;", 4, nullptr},
+        {stats::METADATA, stats::FIXED_BODY_SIZE, "stats",
+         "uint32_t freq;float local_signal;float local_noise;float remote_signal;float remote_noise;uint8_t channel;"
+         "uint8_t state;uint8_t local_per;uint8_t remote_per;uint8_t util_rx;uint8_t util_tx;",
+         26, nullptr},
+    };
+    for (const auto& c : cases) {
+        EXPECT_STREQ(c.metadata.name, c.name);
+        EXPECT_STREQ(c.metadata.schema, c.schema) << c.name;
+        EXPECT_EQ(c.fixed_body_size, c.expected_size) << c.name;
+        EXPECT_EQ(c.metadata.nested[0], c.nested) << c.name;
+        if (c.nested != nullptr) {
+            EXPECT_EQ(c.metadata.nested[1], nullptr) << c.name;
+        }
+    }
+}
+
+// Every prefix of a body is refused and leaves the target as it was; encode
+// writes exactly the body or, without room for all of it, nothing.
+TEST(Metadata, CodecRefusesCutShortBodiesAndTooLittleRoom) {
+    firmware_configurator::device_config d;
+    d.cfg_id = 9;
+    d.manet_config.generic_config_json = "xyz";
+    uint8_t body[115] = {};
+    Slice<uint8_t> out(body, 0, 114);
+    ASSERT_EQ(encode(d, out), 114u);
+    firmware_configurator::device_config target;
+    target.cfg_id = 1;
+    for (uint64_t size = 0; size < 114; size++) {
+        EXPECT_FALSE(decode(ConstSlice<uint8_t>(body, size), target)) << size;
+        EXPECT_EQ(target.cfg_id, 1) << size;
+    }
+    ASSERT_TRUE(decode(ConstSlice<uint8_t>(body, 115), target));  // a byte after the last field is not ours to judge
+    EXPECT_TRUE(target == d);
+    Slice<uint8_t> small(body, 1, 114);
+    EXPECT_EQ(encode(d, small), 0u);
+    EXPECT_EQ(small.size, 1u);
+}

@@ -1,6 +1,8 @@
 #include "gatecat/FrameDecoder.h"
 
+#include <array>
 #include <cstdio>
+#include <iterator>
 
 #include "gatecat/MessagePrinter.h"
 #include "vostrelka/ProtoIds.h"
@@ -13,35 +15,19 @@ namespace gatecat {
 
 namespace {
 
-struct CatalogueEntry {
-    uint8_t id;
-    const msgs::MessageMetadata* message;
-};
-
 // Ids are per carrier: service records (proto_id 8) and RF modem records
 // (proto_id 14) number their messages independently.
-const CatalogueEntry SERVICE_MESSAGES[] = {
-    {msgs::firmware_configurator::utm_status::ID, &msgs::firmware_configurator::utm_status::METADATA},
-    {msgs::firmware_configurator::ack::ID, &msgs::firmware_configurator::ack::METADATA},
-    {msgs::firmware_configurator::set_config::ID, &msgs::firmware_configurator::set_config::METADATA},
-    {msgs::firmware_configurator::device_config::ID, &msgs::firmware_configurator::device_config::METADATA},
-};
-const CatalogueEntry RFMODEM_MESSAGES[] = {
-    {msgs::rfmodem::base_config::ID, &msgs::rfmodem::base_config::METADATA},
-    {msgs::rfmodem::client_config::ID, &msgs::rfmodem::client_config::METADATA},
-    {msgs::rfmodem::stats::ID, &msgs::rfmodem::stats::METADATA},
-};
-
 template <size_t N>
-const msgs::MessageMetadata* find_message(const CatalogueEntry (&catalogue)[N], uint8_t id) {
-    for (const CatalogueEntry& entry : catalogue) {
+const msgs::MessageMetadata* find_message(const std::array<msgs::CatalogueEntry, N>& catalogue, uint8_t id) {
+    for (const msgs::CatalogueEntry& entry : catalogue) {
         if (entry.id == id) return entry.message;
     }
     return nullptr;
 }
 
 template <size_t N>
-void append_message(const CatalogueEntry (&catalogue)[N], const tessera::MessageInfo& info, std::string& out) {
+void append_message(const std::array<msgs::CatalogueEntry, N>& catalogue, const tessera::MessageInfo& info,
+                    std::string& out) {
     if (const msgs::MessageMetadata* message = find_message(catalogue, info.id)) {
         print_message(*message, info.body(), out);
     } else {
@@ -50,16 +36,10 @@ void append_message(const CatalogueEntry (&catalogue)[N], const tessera::Message
 }
 
 std::string record_type_name(uint8_t type) {
-    switch (type) {
-        case guarantor::GuarantorHeader::TYPE_DATA:
-            return "data";
-        case guarantor::GuarantorHeader::TYPE_REQUEST:
-            return "request";
-        case guarantor::GuarantorHeader::TYPE_RESPONSE:
-            return "response";
-        default:
-            return std::to_string(type);
-    }
+    // By GuarantorHeader::TYPE_DATA, TYPE_REQUEST and TYPE_RESPONSE.
+    static constexpr const char* NAMES[] = {"data", "request", "response"};
+    static_assert(guarantor::GuarantorHeader::TYPE_RESPONSE == std::size(NAMES) - 1, "a name for every type");
+    return type < std::size(NAMES) ? NAMES[type] : std::to_string(type);
 }
 
 std::string decode_manet(const ConstSlice<unsigned char>& payload) {
@@ -81,7 +61,7 @@ std::string decode_service(const ConstSlice<unsigned char>& payload) {
         payload, [&](const guarantor::GuarantorHeader& header, const tessera::MessageInfo& info) {
             if (!out.empty()) out += " | ";
             out += "seq=" + std::to_string(header.seq) + " type=" + record_type_name(header.type) + " ";
-            append_message(SERVICE_MESSAGES, info, out);
+            append_message(msgs::firmware_configurator::CATALOGUE, info, out);
         });
     if (result != 0) out += out.empty() ? "service record cut short" : " | record cut short";
     if (out.empty()) out = "no service record";
@@ -98,7 +78,7 @@ std::string decode_rfmodem(const ConstSlice<unsigned char>& payload) {
             break;
         }
         if (!out.empty()) out += " | ";
-        append_message(RFMODEM_MESSAGES, info, out);
+        append_message(msgs::rfmodem::CATALOGUE, info, out);
         offset += tessera::MESSAGE_HEADER_SIZE + info.size;
     }
     if (out.empty()) out = "no modem record";

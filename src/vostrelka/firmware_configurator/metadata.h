@@ -2,6 +2,12 @@
 // The service message catalogue: one type per message, fields in schema
 // order, with its id, its descriptor and its body codec.
 //
+// Each message's fields are listed once, in wire order, as schema type and
+// name (the ..._FIELDS lists below). The struct's members, its schema text
+// (METADATA.schema), its fixed body size, its encoder, decoder and == all
+// follow from that list (MessageLayout.h); gatecat's printer and the capture
+// dissector read the schema text.
+//
 // Body encoding: the fields in schema order, packed, little-endian. uint8_t[N]
 // is N bytes; string is a 32-bit length and that many bytes, no terminator; a
 // nested message is its body inline, without a header. Decoders accept bytes
@@ -15,10 +21,11 @@
 //   rfmodem (bare message records, proto_id 14)
 //     1 base_config, 2 client_config, 3 stats.
 // The devices on the other end hold the same numbers: never renumber.
+#include <array>
 #include <cstdint>
-#include <string>
 
 #include "vostrelka/Slice.h"
+#include "vostrelka/firmware_configurator/MessageLayout.h"
 #include "vostrelka/guarantor/BodyWriter.h"
 #include "vostrelka/guarantor/GuarantorHeader.h"
 #include "vostrelka/guarantor/MessageInfo.h"
@@ -26,31 +33,31 @@
 namespace vostrelka {
 namespace msgs {
 
-// Describes one message type for tools that print or check messages.
-struct MessageMetadata {
-    const char* name;
-    const char* schema;
-    const MessageMetadata* const* nested;  // descriptors of nested messages, ended by nullptr
+// A message's id within its carrier, and its descriptor.
+struct CatalogueEntry {
+    uint8_t id;
+    const MessageMetadata* message;
 };
+
+template <typename... Messages>
+constexpr std::array<CatalogueEntry, sizeof...(Messages)> catalogue() {
+    return {{{Messages::ID, &Messages::METADATA}...}};
+}
 
 namespace firmware_configurator {
 
+#define VOSTRELKA_UTM_STATUS_FIELDS(X) X(uint32_t, manet_addr) X(uint8_t, online)
+VOSTRELKA_MESSAGE_FIELD_TYPES(VOSTRELKA_UTM_STATUS_FIELDS)
 struct utm_status {
     static constexpr uint8_t ID = 1;
-    static constexpr uint64_t FIXED_BODY_SIZE = 5;
-    static const MessageMetadata METADATA;
-
-    uint32_t manet_addr = 0;
-    uint8_t online = 0;
+    VOSTRELKA_MESSAGE(utm_status, VOSTRELKA_UTM_STATUS_FIELDS)
 };
 
+#define VOSTRELKA_ACK_FIELDS(X) X(int8_t, status) X(string, status_str)
+VOSTRELKA_MESSAGE_FIELD_TYPES(VOSTRELKA_ACK_FIELDS)
 struct ack {
     static constexpr uint8_t ID = 2;
-    static constexpr uint64_t FIXED_BODY_SIZE = 5;  // plus the text
-    static const MessageMetadata METADATA;
-
-    int8_t status = 0;
-    std::string status_str;
+    VOSTRELKA_MESSAGE(ack, VOSTRELKA_ACK_FIELDS)
 };
 
 // Body (62 bytes plus the JSON text):
@@ -62,127 +69,72 @@ struct ack {
 //   26      32    utm_inet_host        text ended by the first NUL or the field's end
 //   58      4     length of generic_config_json
 //   62      ...   generic_config_json
+#define VOSTRELKA_MANET_CONFIG_FIELDS(X) \
+    X(uint32_t, node_manet_addr)         \
+    X(uint32_t, utm_manet_addr)          \
+    X(uint16_t, utm_inet_port)           \
+    X(uint8_t[16], node_manet_key) X(uint8_t[32], utm_inet_host) X(string, generic_config_json)
+VOSTRELKA_MESSAGE_FIELD_TYPES(VOSTRELKA_MANET_CONFIG_FIELDS)
 struct manet_config {
-    static constexpr uint64_t FIXED_BODY_SIZE = 62;  // plus the JSON text
-    static const MessageMetadata METADATA;
-
-    uint32_t node_manet_addr = 0;
-    uint32_t utm_manet_addr = 0;
-    uint16_t utm_inet_port = 0;
-    uint8_t node_manet_key[16] = {};
-    uint8_t utm_inet_host[32] = {};
-    std::string generic_config_json;
+    VOSTRELKA_MESSAGE(manet_config, VOSTRELKA_MANET_CONFIG_FIELDS)
 };
 
+#define VOSTRELKA_SET_CONFIG_FIELDS(X) X(uint8_t, finalize) X(uint8_t[16], hash) X(manet_config, manet_config)
+VOSTRELKA_MESSAGE_FIELD_TYPES(VOSTRELKA_SET_CONFIG_FIELDS)
 struct set_config {
     static constexpr uint8_t ID = 3;
-    static constexpr uint64_t FIXED_BODY_SIZE = 17 + firmware_configurator::manet_config::FIXED_BODY_SIZE;
-    static const MessageMetadata METADATA;
-
-    uint8_t finalize = 0;
-    uint8_t hash[16] = {};
-    firmware_configurator::manet_config manet_config;
+    VOSTRELKA_MESSAGE(set_config, VOSTRELKA_SET_CONFIG_FIELDS)
 };
 
 // Body: device_serial 0-31, hash 32-47, cfg_id 48, then manet_config from 49
 // (its generic_config_json length at 107-110, the text from 111).
+#define VOSTRELKA_DEVICE_CONFIG_FIELDS(X) \
+    X(uint8_t[32], device_serial) X(uint8_t[16], hash) X(uint8_t, cfg_id) X(manet_config, manet_config)
+VOSTRELKA_MESSAGE_FIELD_TYPES(VOSTRELKA_DEVICE_CONFIG_FIELDS)
 struct device_config {
     static constexpr uint8_t ID = 4;
-    static constexpr uint64_t FIXED_BODY_SIZE = 49 + firmware_configurator::manet_config::FIXED_BODY_SIZE;
-    static const MessageMetadata METADATA;
-
-    uint8_t device_serial[32] = {};
-    uint8_t hash[16] = {};
-    uint8_t cfg_id = 0;
-    firmware_configurator::manet_config manet_config;
+    VOSTRELKA_MESSAGE(device_config, VOSTRELKA_DEVICE_CONFIG_FIELDS)
 };
 
-// For each message: the body size encode writes, the encoder and the decoder.
-// encode appends the body to `out` and returns the bytes written, or writes
-// nothing and returns 0 when the body does not fit in out's free room.
-// decode reads a body from the start of `body`; false when it is cut short,
-// and then `out` is left as it was.
-uint64_t encoded_size(const utm_status& msg);
-uint64_t encode(const utm_status& msg, Slice<uint8_t>& out);
-bool decode(ConstSlice<uint8_t> body, utm_status& out);
+// What travels in service records (proto_id 8), by id.
+inline constexpr auto CATALOGUE = catalogue<utm_status, ack, set_config, device_config>();
 
-uint64_t encoded_size(const ack& msg);
-uint64_t encode(const ack& msg, Slice<uint8_t>& out);
-bool decode(ConstSlice<uint8_t> body, ack& out);
-
-uint64_t encoded_size(const manet_config& msg);
-uint64_t encode(const manet_config& msg, Slice<uint8_t>& out);
-bool decode(ConstSlice<uint8_t> body, manet_config& out);
-
-uint64_t encoded_size(const set_config& msg);
-uint64_t encode(const set_config& msg, Slice<uint8_t>& out);
-bool decode(ConstSlice<uint8_t> body, set_config& out);
-
-uint64_t encoded_size(const device_config& msg);
-uint64_t encode(const device_config& msg, Slice<uint8_t>& out);
-bool decode(ConstSlice<uint8_t> body, device_config& out);
-
-bool operator==(const utm_status& a, const utm_status& b);
-bool operator==(const ack& a, const ack& b);
-bool operator==(const manet_config& a, const manet_config& b);
-bool operator==(const set_config& a, const set_config& b);
-bool operator==(const device_config& a, const device_config& b);
+using msgs::decode, msgs::encode, msgs::encoded_size, msgs::operator==;
 
 }  // namespace firmware_configurator
 
 namespace rfmodem {
 
+#define VOSTRELKA_BASE_CONFIG_FIELDS(X) X(uint32_t, addr) X(float, power) X(uint8_t, channel)
+VOSTRELKA_MESSAGE_FIELD_TYPES(VOSTRELKA_BASE_CONFIG_FIELDS)
 struct base_config {
     static constexpr uint8_t ID = 1;
-    static constexpr uint64_t FIXED_BODY_SIZE = 9;
-    static const MessageMetadata METADATA;
-
-    uint32_t addr = 0;
-    float power = 0.0f;
-    uint8_t channel = 0;
+    VOSTRELKA_MESSAGE(base_config, VOSTRELKA_BASE_CONFIG_FIELDS)
 };
 
+#define VOSTRELKA_CLIENT_CONFIG_FIELDS(X) X(float, power)
+VOSTRELKA_MESSAGE_FIELD_TYPES(VOSTRELKA_CLIENT_CONFIG_FIELDS)
 struct client_config {
     static constexpr uint8_t ID = 2;
-    static constexpr uint64_t FIXED_BODY_SIZE = 4;
-    static const MessageMetadata METADATA;
-
-    float power = 0.0f;
+    VOSTRELKA_MESSAGE(client_config, VOSTRELKA_CLIENT_CONFIG_FIELDS)
 };
 
+#define VOSTRELKA_STATS_FIELDS(X)                                                                              \
+    X(uint32_t, freq)                                                                                          \
+    X(float, local_signal)                                                                                     \
+    X(float, local_noise)                                                                                      \
+    X(float, remote_signal) X(float, remote_noise) X(uint8_t, channel) X(uint8_t, state) X(uint8_t, local_per) \
+        X(uint8_t, remote_per) X(uint8_t, util_rx) X(uint8_t, util_tx)
+VOSTRELKA_MESSAGE_FIELD_TYPES(VOSTRELKA_STATS_FIELDS)
 struct stats {
     static constexpr uint8_t ID = 3;
-    static constexpr uint64_t FIXED_BODY_SIZE = 26;
-    static const MessageMetadata METADATA;
-
-    uint32_t freq = 0;
-    float local_signal = 0.0f;
-    float local_noise = 0.0f;
-    float remote_signal = 0.0f;
-    float remote_noise = 0.0f;
-    uint8_t channel = 0;
-    uint8_t state = 0;
-    uint8_t local_per = 0;
-    uint8_t remote_per = 0;
-    uint8_t util_rx = 0;
-    uint8_t util_tx = 0;
+    VOSTRELKA_MESSAGE(stats, VOSTRELKA_STATS_FIELDS)
 };
 
-uint64_t encoded_size(const base_config& msg);
-uint64_t encode(const base_config& msg, Slice<uint8_t>& out);
-bool decode(ConstSlice<uint8_t> body, base_config& out);
+// What travels in RF modem records (proto_id 14), by id.
+inline constexpr auto CATALOGUE = catalogue<base_config, client_config, stats>();
 
-uint64_t encoded_size(const client_config& msg);
-uint64_t encode(const client_config& msg, Slice<uint8_t>& out);
-bool decode(ConstSlice<uint8_t> body, client_config& out);
-
-uint64_t encoded_size(const stats& msg);
-uint64_t encode(const stats& msg, Slice<uint8_t>& out);
-bool decode(ConstSlice<uint8_t> body, stats& out);
-
-bool operator==(const base_config& a, const base_config& b);
-bool operator==(const client_config& a, const client_config& b);
-bool operator==(const stats& a, const stats& b);
+using msgs::decode, msgs::encode, msgs::encoded_size, msgs::operator==;
 
 }  // namespace rfmodem
 

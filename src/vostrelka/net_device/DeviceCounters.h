@@ -65,10 +65,11 @@ struct NamedCounter {
 };
 
 inline constexpr NamedCounter<SerialEncoderErrorStats, uint32_t> SERIAL_DECODE_ERRORS[] = {
-    {"crc", &SerialEncoderErrorStats::crc_errors},       {"short", &SerialEncoderErrorStats::short_messages},
-    {"escape", &SerialEncoderErrorStats::escape_errors}, {"rx_overflow", &SerialEncoderErrorStats::rx_overflows},
-    {"encode", &SerialEncoderErrorStats::encode_errors},
-};
+    {"crc", &SerialEncoderErrorStats::crc_errors},
+    {"short", &SerialEncoderErrorStats::short_messages},
+    {"escape", &SerialEncoderErrorStats::escape_errors},
+    {"rx_overflow", &SerialEncoderErrorStats::rx_overflows},
+    {"encode", &SerialEncoderErrorStats::encode_errors}};
 
 inline constexpr NamedCounter<CanDeviceStats, uint32_t> CAN_DECODE_ERRORS[] = {
     {"crc", &CanDeviceStats::crc_errors},
@@ -76,15 +77,12 @@ inline constexpr NamedCounter<CanDeviceStats, uint32_t> CAN_DECODE_ERRORS[] = {
     {"rx_overflow", &CanDeviceStats::rx_overflows},
     {"receivers_overwritten", &CanDeviceStats::receivers_overwritten},
     {"receivers_stalled", &CanDeviceStats::receivers_stalled},
-    {"tx_queue_full", &CanDeviceStats::tx_queue_full},
-};
+    {"tx_queue_full", &CanDeviceStats::tx_queue_full}};
 
-inline constexpr NamedCounter<DropCounters, uint64_t> DROP_COUNTERS[] = {
-    {"unroutable", &DropCounters::unroutable},
-    {"queue_full", &DropCounters::queue_full},
-    {"truncated", &DropCounters::truncated},
-    {"send_error", &DropCounters::send_error},
-};
+inline constexpr NamedCounter<DropCounters, uint64_t> DROP_COUNTERS[] = {{"unroutable", &DropCounters::unroutable},
+                                                                         {"queue_full", &DropCounters::queue_full},
+                                                                         {"truncated", &DropCounters::truncated},
+                                                                         {"send_error", &DropCounters::send_error}};
 
 // Calls visit(name, value) for each decode error counter the device keeps.
 template <typename Visit>
