@@ -16,7 +16,7 @@ install(DIRECTORY ${CMAKE_SOURCE_DIR}/examples/ DESTINATION ${CMAKE_INSTALL_DATA
         FILES_MATCHING PATTERN "*.json")
 # Wireshark loads every Lua file in its global plugin folder, which Debian
 # keeps under the multiarch library folder.
-install(FILES ${CMAKE_SOURCE_DIR}/packaging/wireshark/gate.lua
+install(FILES ${GATE_DISSECTOR}
         DESTINATION lib/${CMAKE_LIBRARY_ARCHITECTURE}/wireshark/plugins)
 # /etc with the prefix /usr, else under the prefix.
 install(FILES ${CMAKE_SOURCE_DIR}/packaging/etc/example.json DESTINATION ${CMAKE_INSTALL_FULL_SYSCONFDIR}/gate)

@@ -14,16 +14,17 @@ inline bool tshark_installed() {
     return access(TSHARK, X_OK) == 0;
 }
 
-// tshark's arguments to read `capture` with the dissector from the source tree.
+// tshark's arguments to read `capture` with the dissector the build wrote.
 inline std::vector<std::string> tshark_reading(const std::string& capture) {
-    return {"-n", "-X", std::string("lua_script:") + TEST_SOURCE_DIR + "/../packaging/wireshark/gate.lua", "-r",
-            capture};
+    return {"-n", "-X", std::string("lua_script:") + GATE_DISSECTOR_PATH, "-r", capture};
 }
 
 // One string per packet: the lines of its gate tree, unindented, joined by
 // "; " ("Interface id: 0; Direction: in (0); ...").
-inline std::vector<std::string> gate_trees(const std::string& capture) {
+// `extra` goes to tshark too, e.g. a Decode As.
+inline std::vector<std::string> gate_trees(const std::string& capture, const std::vector<std::string>& extra = {}) {
     std::vector<std::string> args = tshark_reading(capture);
+    args.insert(args.end(), extra.begin(), extra.end());
     args.insert(args.end(), {"-O", "gate"});
     const ProcessResult tshark = run_process_with_input(TSHARK, args, "", 30000);
     std::vector<std::string> trees;

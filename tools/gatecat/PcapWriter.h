@@ -1,6 +1,6 @@
 #pragma once
 // Writes frames to a pcap capture file that Wireshark reads with the Lua
-// dissector in packaging/wireshark/gate.lua.
+// dissector the build writes (wireshark/gate.lua in the build folder).
 //
 // The file is classic pcap (microsecond time stamps, written little-endian)
 // with link type 147, the first of the link types kept for private use. Each
