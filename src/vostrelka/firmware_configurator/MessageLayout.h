@@ -11,8 +11,8 @@
 //
 // gives the members (zero-initialised, so the struct stays an aggregate),
 // METADATA with the schema text "uint32_t addr;float power;uint8_t channel;"
-// and the messages nested in it, FIXED_BODY_SIZE, and each_field, from which
-// encoded_size, encode, decode and == below are made. Schema types:
+// and the messages nested in it, FIXED_BODY_SIZE, and each_field and
+// all_fields, from which encoded_size, encode, decode and == below are made. Schema types:
 // uint8_t, int8_t, uint16_t, uint32_t, float, uint8_t[N], string, or a
 // message declared before.
 //
@@ -145,18 +145,14 @@ bool read(tessera::BodyReader& r, uint8_t (&out)[N]) {
 }
 template <typename M, typename = std::enable_if_t<is_message_v<M>>>
 bool read(tessera::BodyReader& r, M& message) {
-    bool complete = true;
-    M::each_field([&](auto& field) { complete = complete && read(r, field); }, message);
-    return complete;
+    return M::all_fields([&r](auto& field) { return read(r, field); }, message);
 }
 
 // Floats compare by their bits: a round trip must give back the same bytes.
 template <typename T>
 bool same(const T& a, const T& b) {
     if constexpr (is_message_v<T>) {
-        bool equal = true;
-        T::each_field([&equal](const auto& x, const auto& y) { equal = equal && same(x, y); }, a, b);
-        return equal;
+        return T::all_fields([](const auto& x, const auto& y) { return same(x, y); }, a, b);
     } else if constexpr (std::is_array_v<T> || std::is_floating_point_v<T>) {
         return std::memcmp(&a, &b, sizeof a) == 0;
     } else {
@@ -229,6 +225,7 @@ bool operator==(const M& a, const M& b) {
 #define VOSTRELKA_FIELD_FIXED_SIZE(TYPE, NAME) +::vostrelka::msgs::layout::fixed_size<NAME##_field_t>()
 #define VOSTRELKA_FIELD_TYPE(TYPE, NAME) , NAME##_field_t
 #define VOSTRELKA_FIELD_VISIT(TYPE, NAME) visit(messages.NAME...);
+#define VOSTRELKA_FIELD_TEST(TYPE, NAME) &&test(messages.NAME...)
 
 #define VOSTRELKA_MESSAGE_FIELD_TYPES(FIELDS) FIELDS(VOSTRELKA_FIELD_TYPE_ALIAS)
 
@@ -242,4 +239,10 @@ bool operator==(const M& a, const M& b) {
     template <typename Visit, typename... Messages>                                         \
     static void each_field(Visit&& visit, Messages&... messages) {                          \
         FIELDS(VOSTRELKA_FIELD_VISIT)                                                       \
+    }                                                                                       \
+    /* Whether test(field of each message...) holds for every field, tried in               \
+       wire order until one does not. */                                                    \
+    template <typename Test, typename... Messages>                                          \
+    static bool all_fields(Test&& test, Messages&... messages) {                            \
+        return true FIELDS(VOSTRELKA_FIELD_TEST);                                           \
     }
