@@ -70,28 +70,24 @@ constexpr uint64_t fixed_size() {
     }
 }
 
-template <typename T>
-constexpr const MessageMetadata* metadata_of() {
-    if constexpr (is_message_v<T>) {
-        return &T::METADATA;
-    } else {
-        return nullptr;
-    }
-}
-
 // The descriptors of the messages among Fields, ended by nullptr.
 template <typename... Fields>
 struct Nested {
     static constexpr size_t COUNT = (size_t{0} + ... + (is_message_v<Fields> ? 1 : 0));
-    static constexpr std::array<const MessageMetadata*, COUNT + 1> make() {
-        std::array<const MessageMetadata*, COUNT + 1> list{};
+    using List = std::array<const MessageMetadata*, COUNT + 1>;
+    // Chosen by type, not by testing the address: under the undefined
+    // behaviour checks a static's address is no longer a constant to compare.
+    template <typename T>
+    static constexpr void add(List& list, size_t& n) {
+        if constexpr (is_message_v<T>) list[n++] = &T::METADATA;
+    }
+    static constexpr List make() {
+        List list{};
         size_t n = 0;
-        for (const MessageMetadata* metadata : {metadata_of<Fields>()...}) {
-            if (metadata != nullptr) list[n++] = metadata;
-        }
+        (add<Fields>(list, n), ...);
         return list;
     }
-    static constexpr std::array<const MessageMetadata*, COUNT + 1> LIST = make();
+    static constexpr List LIST = make();
 };
 
 inline void write(tessera::BodyWriter& w, uint8_t value) {
