@@ -77,9 +77,16 @@ std::unique_ptr<NetDevice> make_udp_device(const NetDeviceFactory::InterfaceDesc
 
 // The builder of each row of TRANSPORT_KINDS, in its order. Kept here, not
 // in the table, so that the portable library does not need this one.
-using Builder = std::unique_ptr<NetDevice> (NetDeviceFactory::*)(NetDeviceFactory::InterfaceDescription&);
-constexpr Builder BUILDERS[] = {&NetDeviceFactory::make_net_device_serial, &NetDeviceFactory::make_net_device_can,
-                                &NetDeviceFactory::make_net_device_udp, &NetDeviceFactory::make_net_device_udpserial};
+// Plain functions rather than member pointers, which the undefined-behaviour
+// checks misread as a virtual table index.
+using Description = NetDeviceFactory::InterfaceDescription;
+using Builder = std::unique_ptr<NetDevice> (*)(NetDeviceFactory&, Description&);
+constexpr Builder BUILDERS[] = {
+    [](NetDeviceFactory& factory, Description& desc) { return factory.make_net_device_serial(desc); },
+    [](NetDeviceFactory& factory, Description& desc) { return factory.make_net_device_can(desc); },
+    [](NetDeviceFactory& factory, Description& desc) { return factory.make_net_device_udp(desc); },
+    [](NetDeviceFactory& factory, Description& desc) { return factory.make_net_device_udpserial(desc); },
+};
 static_assert(std::size(BUILDERS) == std::size(TRANSPORT_KINDS), "a builder for every transport kind");
 
 }  // namespace
@@ -90,7 +97,7 @@ std::unique_ptr<NetDevice> NetDeviceFactory::make_net_device(const std::string& 
         debug("ERROR: invalid interface description");
         return nullptr;
     }
-    if (const TransportKind* kind = find_kind(parsed.type)) return (this->*BUILDERS[kind - TRANSPORT_KINDS])(parsed);
+    if (const TransportKind* kind = find_kind(parsed.type)) return BUILDERS[kind - TRANSPORT_KINDS](*this, parsed);
     debug("ERROR: unsupported interface type \"%s\", supported types: %s", parsed.type.c_str(),
           supported_types().c_str());
     return nullptr;
