@@ -1,14 +1,15 @@
 # What `cmake --install` puts where; the Debian package (debian/, built by
 # `make deb`) installs the same files through debhelper.
 #   cmake --install build     the programs, their man pages, the examples, the
-#                             systemd units and the example configuration (in
+#                             systemd units, the alerting rules and the
+#                             example configuration (in
 #                             /etc/gate when configured with
 #                             -DCMAKE_INSTALL_PREFIX=/usr, as the package is)
 include(GNUInstallDirs)
 
-install(TARGETS gate gatecat gate-check RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS gate gatecat gate-check gate-exporter RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES ${CMAKE_SOURCE_DIR}/packaging/man/gate.1 ${CMAKE_SOURCE_DIR}/packaging/man/gatecat.1
-              ${CMAKE_SOURCE_DIR}/packaging/man/gate-check.1
+              ${CMAKE_SOURCE_DIR}/packaging/man/gate-check.1 ${CMAKE_SOURCE_DIR}/packaging/man/gate-exporter.1
         DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 # Under share/gate rather than share/doc: minimal systems often drop
 # /usr/share/doc, and the examples are meant to be copied to /etc/gate.
@@ -22,7 +23,12 @@ install(FILES ${GATE_DISSECTOR}
 install(FILES ${CMAKE_SOURCE_DIR}/packaging/etc/example.json DESTINATION ${CMAKE_INSTALL_FULL_SYSCONFDIR}/gate)
 # systemd looks here for units shipped by packages, whatever the prefix.
 install(FILES ${CMAKE_SOURCE_DIR}/packaging/systemd/gate@.service ${CMAKE_SOURCE_DIR}/packaging/systemd/gate.target
+              ${CMAKE_SOURCE_DIR}/packaging/systemd/gate-exporter.service
         DESTINATION lib/systemd/system)
+# Alerting rules for the Prometheus server that scrapes the exporter; they
+# are copied to that server, which is seldom this machine.
+install(FILES ${CMAKE_SOURCE_DIR}/packaging/prometheus/gate.rules.yml
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/gate-exporter)
 # The group that owns the control sockets, made by systemd-sysusers
 # (the package runs it when installed).
 install(FILES ${CMAKE_SOURCE_DIR}/packaging/sysusers/gate.conf DESTINATION lib/sysusers.d)

@@ -1,6 +1,7 @@
 # The Debian package, built by debhelper from debian/ into build-deb/.
-#   make deb     gate_<version>_<arch>.deb and its debug symbols, with the
-#                .buildinfo and .changes files, in build-deb/
+#   make deb     gate_<version>_<arch>.deb, gate-exporter_<version>_<arch>.deb
+#                and their debug symbols, with the .buildinfo and .changes
+#                files, in build-deb/
 # dpkg-buildpackage writes its results beside the source tree, so it runs on
 # a copy of the tree in build-deb/src (the files git tracks or would track:
 # nothing ignored, no build folder) and they land in build-deb/.
