@@ -1,5 +1,7 @@
 #pragma once
 // Where this build tree put the programs; the build defines them.
+#include <fstream>
+#include <sstream>
 #include <string>
 
 namespace test_support {
@@ -15,6 +17,13 @@ inline std::string gate_check_binary() {
 }
 inline std::string gate_exporter_binary() {
     return GATE_EXPORTER_BINARY_PATH;
+}
+
+// The text of a file of expected output or canned input under tests/.
+inline std::string test_data(const std::string& relative) {
+    std::ostringstream text;
+    text << std::ifstream(std::string(TEST_SOURCE_DIR) + "/" + relative).rdbuf();
+    return text.str();
 }
 
 }  // namespace test_support

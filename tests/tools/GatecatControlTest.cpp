@@ -1,96 +1,21 @@
 // gatecat as a client of a gateway's control socket: stats, peers and tap
 // against a stand-in server that answers by the socket's JSON lines.
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <chrono>
-#include <cstring>
-#include <map>
-#include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "support/GateProcess.h"
-#include "support/TempDir.h"
+#include "support/ControlStandIns.h"
 #include "support/TsharkReader.h"
-#include "support/UdpEndpoint.h"
 #include "support/paths.h"
 
 using namespace test_support;
 
 namespace {
 
-constexpr int POLL_MS = 50;
-
-// Serves one connection at a time: reads its request line, writes the
-// answer given for it and then, unless told to hang up, waits for the
-// client to close.
-class ControlServer {
-public:
-    ControlServer(const std::string& path, std::map<std::string, std::string> answers, bool hang_up = false)
-        : answers(std::move(answers)), hang_up(hang_up) {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-        listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || listen(listener, 4) != 0)
-            std::abort();
-        server = std::thread([this] { serve(); });
-    }
-    ~ControlServer() {
-        stop = true;
-        server.join();
-        close(listener);
-    }
-    std::vector<std::string> requests() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return seen;
-    }
-
-private:
-    bool readable(int fd) {
-        pollfd entry{fd, POLLIN, 0};
-        return poll(&entry, 1, POLL_MS) > 0;
-    }
-    void serve() {
-        while (!stop) {
-            if (!readable(listener)) continue;
-            const int client = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-            std::string line;
-            char c;
-            while (!stop && line.find('\n') == std::string::npos) {
-                if (readable(client) && read(client, &c, 1) != 1) break;
-                line += c;
-            }
-            {
-                std::lock_guard<std::mutex> lock(mutex);
-                seen.push_back(line);
-            }
-            const std::string& answer = answers[line];
-            if (send(client, answer.data(), answer.size(), MSG_NOSIGNAL) < 0) std::abort();
-            while (!stop && !hang_up && !(readable(client) && read(client, &c, 1) <= 0)) {
-            }
-            close(client);
-        }
-    }
-
-    std::map<std::string, std::string> answers;
-    bool hang_up;
-    int listener = -1;
-    std::atomic<bool> stop{false};
-    std::mutex mutex;
-    std::vector<std::string> seen;
-    std::thread server;
-};
-
-const std::string STATS_REQUEST = "{\"request\":\"stats\"}\n";
-const std::string PEERS_REQUEST = "{\"request\":\"peers\"}\n";
-const std::string TAP_REQUEST = "{\"request\":\"tap\"}\n";
+const std::string STATS_REQUEST = R"({"request":"stats"})";
+const std::string PEERS_REQUEST = R"({"request":"peers"})";
+const std::string TAP_REQUEST = R"({"request":"tap"})";
 
 const std::string STATS_ANSWER =
     R"({"uptime_s":3723.5,"version":"0.1.0","interfaces":[)"
@@ -106,7 +31,7 @@ const std::string STATS_ANSWER =
 TEST(GatecatControl, StatsAndPeersPrintTheGatewaysAnswerAsTables) {
     TempDir dir;
     const std::string path = dir.path() + "/control.sock";
-    ControlServer server(
+    StandInGateway server(
         path, {{STATS_REQUEST, STATS_ANSWER},
                {PEERS_REQUEST,
                 R"({"local_peers":[{"addr":"0x10","iface":1,"inet":"127.0.0.1:7101"},{"addr":"0x21","iface":3}],)"
@@ -147,7 +72,7 @@ TEST(GatecatControl, StatsAndPeersPrintTheGatewaysAnswerAsTables) {
 TEST(GatecatControl, TapPrintsFramesWithTheirInterfaceReportsLossesAndWritesACapture) {
     TempDir dir;
     const std::string path = dir.path() + "/control.sock", capture = dir.path() + "/tap.pcap";
-    ControlServer server(
+    StandInGateway server(
         path, {{STATS_REQUEST, STATS_ANSWER},
                {TAP_REQUEST,
                 R"({"t":1732170000.123456,"iface":1,"dir":"in","proto_id":7,"src":16,"dst":32,"payload":"DEADBEEF"})"
@@ -185,11 +110,11 @@ TEST(GatecatControl, TapPrintsFramesWithTheirInterfaceReportsLossesAndWritesACap
 TEST(GatecatControl, AGatewayThatAnswersNonsenseOrHangsUpIsARuntimeFailure) {
     TempDir dir;
     const std::string path = dir.path() + "/control.sock";
-    ControlServer server(path,
-                         {{STATS_REQUEST, "[1,2]\n"},
-                          {TAP_REQUEST, R"({"t":1.0,"iface":1,"dir":"in","proto_id":7,"src":1,"dst":2,"payload":""})"
-                                        "\n{\"t\":2.0}\n"}},
-                         true);
+    StandInGateway server(path,
+                          {{STATS_REQUEST, "[1,2]\n"},
+                           {TAP_REQUEST, R"({"t":1.0,"iface":1,"dir":"in","proto_id":7,"src":1,"dst":2,"payload":""})"
+                                         "\n{\"t\":2.0}\n"}},
+                          StandInGateway::HANG_UP);
     const ProcessResult stats = run_process_with_input(gatecat_binary(), {"stats", path}, "");
     EXPECT_EQ(stats.exit_status, 1);
     EXPECT_EQ(stats.err, "gatecat: stats: the gateway's answer is not a JSON object: [1,2]\n");
@@ -207,38 +132,16 @@ TEST(GatecatControl, AGatewayThatAnswersNonsenseOrHangsUpIsARuntimeFailure) {
 // the counters and tables show it.
 TEST(GatecatControl, ShowsTheRealGatewaysTrafficCountersAndTables) {
     TempDir dir;
-    UdpEndpoint device_10, device_20;
-    const std::string path = dir.path() + "/control.sock", link_1 = std::to_string(free_udp_port()),
-                      link_2 = std::to_string(free_udp_port());
-    GateProcess gate(
-        {"--config", dir.write_file("gate.json", R"({"control": {"path": ")" + path +
-                                                     R"("}, "ifaces": [)"
-                                                     R"({"iface": "udp://127.0.0.1:)" +
-                                                     link_1 +
-                                                     R"(", "id": 1},)"
-                                                     R"({"iface": "udpserial://127.0.0.1:)" +
-                                                     link_2 +
-                                                     R"(", "id": 2}],)"
-                                                     R"("local_peers": [{"netdev_addr": "0x10", "iface_id": 1, )"
-                                                     R"("inet_addr": ")" +
-                                                     device_10.address() +
-                                                     R"("},)"
-                                                     R"({"netdev_addr": "0x20", "iface_id": 2, )"
-                                                     R"("inet_addr": ")" +
-                                                     device_20.address() + R"("}]})")});
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (access(path.c_str(), F_OK) != 0 && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    ASSERT_EQ(access(path.c_str(), F_OK), 0) << gate.log();
+    GateWithTwoDevices site(dir.path() + "/control.sock");
+    ASSERT_TRUE(site.ready) << site.gate.log();
+    const std::string& path = site.socket;
+    const std::string link_1 = std::to_string(site.link_1), link_2 = std::to_string(site.link_2);
     GateProcess tap(gatecat_binary(), {"tap", "-c", "2", path}, true);
     ASSERT_TRUE(tap.wait_for_prefix("gatecat: tapping ")) << tap.log();
     // Answered after the gateway has read the tap's request, which came first.
     ASSERT_EQ(run_process_with_input(gatecat_binary(), {"stats", path}, "").exit_status, 0);
 
-    ASSERT_TRUE(
-        device_10.send_to(static_cast<uint16_t>(std::stoi(link_1)), {0x07, 0x10, 0x20, 0xDE, 0xAD, 0xBE, 0xEF}));
-    ASSERT_TRUE(device_20.receive());
+    ASSERT_TRUE(site.forward_one_frame());
     ASSERT_EQ(tap.wait_exit(), 0) << tap.log();
     std::vector<std::string> frames;
     for (const std::string& line : tap.lines()) {
@@ -268,10 +171,10 @@ TEST(GatecatControl, ShowsTheRealGatewaysTrafficCountersAndTables) {
               "local peers\n"
               "addr  iface  inet\n"
               "0x10      1  " +
-                  device_10.address() +
+                  site.device_10.address() +
                   "\n"
                   "0x20      2  " +
-                  device_20.address() +
+                  site.device_20.address() +
                   "\n"
                   "\n"
                   "MANet links\n"
