@@ -1,6 +1,6 @@
 // The control socket of the real gate binary: counters, peer tables and the
 // tap as a client reads them, what a bad or slow client gets, the socket
-// file's life, and the service manager's readiness and watchdog messages.
+// file's life.
 #include <gtest/gtest.h>
 #include <netdb.h>
 #include <sys/stat.h>
@@ -184,7 +184,6 @@ TEST_F(ControlSocketTest, PeersShowConfiguredAndLearnedLinksWithTheirOrigin) {
                           {"inet", udp.udp.address()},  {"resolver", nullptr}, {"resolver_state", "none"},
                           {"reason", nullptr},          {"origin", "learned"}};
     EXPECT_EQ(peers, (json{{"local_peers", local_peers}, {"manet_links", {configured, learned}}}));
-
 }
 
 // A port text that is no service fails every attempt, without a name server.
@@ -365,37 +364,6 @@ TEST_F(ControlSocketTest, TheSocketIsNotOneOfTheThirtyTwoInterfaces) {
                                                                 socket_path + R"("}})")});
     ControlClient client(socket_path);
     EXPECT_EQ(client.ask("stats")["interfaces"].size(), 32u);
-}
-
-// READY=1 once every interface is open, then WATCHDOG=1 at least twice per
-// interval, on the datagram socket NOTIFY_SOCKET names.
-TEST(ServiceManagerTest, ReadinessAndWatchdogArriveOnTheNotifySocket) {
-    TempDir dir;
-    const std::string path = dir.path() + "/notify";
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
-    const int listener = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-    auto next_message = [&](int timeout_ms) {
-        char text[64];
-        const ssize_t got = wait_readable(listener, timeout_ms) ? recv(listener, text, sizeof(text), 0) : -1;
-        return got > 0 ? std::string(text, static_cast<size_t>(got)) : std::string();
-    };
-
-    const std::string config = R"({"ifaces": [{"iface": "udp://127.0.0.1:0", "id": 1}]})";
-    constexpr int INTERVAL_MS = 400;
-    setenv("NOTIFY_SOCKET", path.c_str(), 1);
-    setenv("WATCHDOG_USEC", std::to_string(INTERVAL_MS * 1000).c_str(), 1);
-    GateProcess gate({"--config", dir.write_file("gate.json", config)});
-    unsetenv("NOTIFY_SOCKET");
-    unsetenv("WATCHDOG_USEC");
-
-    EXPECT_EQ(next_message(5000), "READY=1");
-    const auto start = std::chrono::steady_clock::now();
-    for (int i = 0; i < 4; i++) EXPECT_EQ(next_message(INTERVAL_MS / 2 + 100), "WATCHDOG=1") << i;
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(4 * INTERVAL_MS));
-    close(listener);
 }
 
 }  // namespace

@@ -45,6 +45,7 @@ struct Watched {
     int notify = -1;  // bound datagram socket, with `watchdog`
     std::unique_ptr<GateProcess> gate;
     int64_t started_us = 0;                              // when the gate said it configured the modem
+    int64_t ready_us = 0;                                // READY=1, with `watchdog`
     std::vector<int64_t> records, keep_alives, answers;  // time_us()
 
     ~Watched() {
@@ -94,6 +95,7 @@ struct Watched {
             if (modem.receive(10)) records.push_back(time_us());
             char text[64];
             while (notify >= 0 && wait_readable(notify, 0) && recv(notify, text, sizeof(text), 0) > 0) {
+                if (std::strncmp(text, "READY=1", 7) == 0) ready_us = time_us();
                 if (std::strncmp(text, "WATCHDOG=1", 10) == 0) keep_alives.push_back(time_us());
             }
             if (client && now >= next_ask_us) {
@@ -150,7 +152,11 @@ TEST(GateRhythmTest, AnIdleGateSendsItsModemRecordEveryFiveSecondsWhateverElseWa
             EXPECT_GE(run->answers.size(), 14u);
         }
         if (run->what.watchdog) {
+            // Ready once every interface is open, then kept alive at least
+            // twice per watchdog interval.
             ASSERT_FALSE(run->keep_alives.empty());
+            EXPECT_NE(run->ready_us, 0);
+            EXPECT_LE(run->ready_us, run->keep_alives.front());
             EXPECT_LT(run->keep_alives.front() - run->started_us, SECOND_US);
             EXPECT_GT(run->keep_alives.size(), 16u);
             for (size_t i = 1; i < run->keep_alives.size(); i++) {
