@@ -2,8 +2,12 @@
 
 #include <sys/time.h>
 
+#include <array>
 #include <cmath>
 #include <map>
+#include <utility>
+
+#include "vostrelka/control/AnswerField.h"
 
 namespace vostrelka {
 namespace exporter {
@@ -18,67 +22,86 @@ using prometheus::MetricType;
 
 constexpr const char* ORIGINS[] = {"configured", "learned", "announced"};
 
-// One family per metric name, in the order the families are declared.
-struct Families {
-    MetricFamily up{
-        "gate_up", "1 when the gateway answered on its control socket, 0 when it did not", MetricType::Gauge, {}};
-    MetricFamily build_info{"gate_build_info", "The gateway's version; always 1", MetricType::Gauge, {}};
-    MetricFamily start_time{
-        "gate_start_time_seconds", "When the gateway started, in seconds since the epoch", MetricType::Gauge, {}};
-    MetricFamily interface_info{"gate_interface_info", "An interface of the gateway; always 1", MetricType::Gauge, {}};
-    MetricFamily frames_in{"gate_frames_received_total", "Frames the interface decoded", MetricType::Counter, {}};
-    MetricFamily frames_out{
-        "gate_frames_sent_total", "Frames accepted for sending on the interface", MetricType::Counter, {}};
-    MetricFamily bytes_in{"gate_bytes_received_total", "Bytes that arrived on the interface", MetricType::Counter, {}};
-    MetricFamily bytes_out{"gate_bytes_sent_total", "Bytes that left on the interface", MetricType::Counter, {}};
-    MetricFamily decode_errors{
-        "gate_decode_errors_total", "Errors of the interface's codec, by kind", MetricType::Counter, {}};
-    MetricFamily drops{"gate_drops_total", "Frames that went nowhere, by cause", MetricType::Counter, {}};
-    MetricFamily link_up{
-        "gate_link_up", "0 while the interface's serial line or CAN interface is lost", MetricType::Gauge, {}};
-    MetricFamily local_peers{"gate_local_peers", "Local devices known on the interface", MetricType::Gauge, {}};
-    MetricFamily manet_links{
-        "gate_manet_links", "Links to MANet nodes on the interface, by origin", MetricType::Gauge, {}};
-    MetricFamily resolutions_pending{
-        "gate_resolutions_pending", "MANet links whose host name is still being looked up", MetricType::Gauge, {}};
-
-    std::vector<MetricFamily> all() && {
-        return {std::move(up),
-                std::move(build_info),
-                std::move(start_time),
-                std::move(interface_info),
-                std::move(frames_in),
-                std::move(frames_out),
-                std::move(bytes_in),
-                std::move(bytes_out),
-                std::move(decode_errors),
-                std::move(drops),
-                std::move(link_up),
-                std::move(local_peers),
-                std::move(manet_links),
-                std::move(resolutions_pending)};
-    }
+// The families, in the order of the exposition.
+enum Metric {
+    UP,
+    BUILD_INFO,
+    START_TIME,
+    INTERFACE_INFO,
+    FRAMES_IN,
+    FRAMES_OUT,
+    BYTES_IN,
+    BYTES_OUT,
+    DECODE_ERRORS,
+    DROPS,
+    LINK_UP,
+    LOCAL_PEERS,
+    MANET_LINKS,
+    RESOLUTIONS_PENDING,
+    METRIC_COUNT
 };
 
-void add(MetricFamily& family, std::vector<ClientMetric::Label> labels, double value) {
-    ClientMetric metric;
-    metric.label = std::move(labels);
-    if (family.type == MetricType::Counter) {
-        metric.counter.value = value;
-    } else {
-        metric.gauge.value = value;
-    }
-    family.metric.push_back(std::move(metric));
-}
+struct Declaration {
+    const char* name;
+    const char* help;
+    MetricType type;
+};
 
-// `object[key]` as text: strings as they are, numbers in decimal.
+const Declaration DECLARATIONS[METRIC_COUNT] = {
+    {"gate_up", "1 when the gateway answered on its control socket, 0 when it did not", MetricType::Gauge},
+    {"gate_build_info", "The gateway's version; always 1", MetricType::Gauge},
+    {"gate_start_time_seconds", "When the gateway started, in seconds since the epoch", MetricType::Gauge},
+    {"gate_interface_info", "An interface of the gateway; always 1", MetricType::Gauge},
+    {"gate_frames_received_total", "Frames the interface decoded", MetricType::Counter},
+    {"gate_frames_sent_total", "Frames accepted for sending on the interface", MetricType::Counter},
+    {"gate_bytes_received_total", "Bytes that arrived on the interface", MetricType::Counter},
+    {"gate_bytes_sent_total", "Bytes that left on the interface", MetricType::Counter},
+    {"gate_decode_errors_total", "Errors of the interface's codec, by kind", MetricType::Counter},
+    {"gate_drops_total", "Frames that went nowhere, by cause", MetricType::Counter},
+    {"gate_link_up", "0 while the interface's serial line or CAN interface is lost", MetricType::Gauge},
+    {"gate_local_peers", "Local devices known on the interface", MetricType::Gauge},
+    {"gate_manet_links", "Links to MANet nodes on the interface, by origin", MetricType::Gauge},
+    {"gate_resolutions_pending", "MANet links whose host name is still being looked up", MetricType::Gauge},
+};
+
+// The plain counters of an interface, by their key in the stats answer.
+const std::pair<Metric, const char*> TRAFFIC[] = {
+    {FRAMES_IN, "frames_in"}, {FRAMES_OUT, "frames_out"}, {BYTES_IN, "bytes_in"}, {BYTES_OUT, "bytes_out"}};
+
+class Families {
+public:
+    Families() {
+        for (int i = 0; i < METRIC_COUNT; i++) {
+            families[i] = MetricFamily{DECLARATIONS[i].name, DECLARATIONS[i].help, DECLARATIONS[i].type, {}};
+        }
+    }
+    void add(Metric which, std::vector<ClientMetric::Label> labels, double value) {
+        MetricFamily& family = families[which];
+        ClientMetric metric;
+        metric.label = std::move(labels);
+        if (family.type == MetricType::Counter) {
+            metric.counter.value = value;
+        } else {
+            metric.gauge.value = value;
+        }
+        family.metric.push_back(std::move(metric));
+    }
+    // A family without samples says nothing; it is left out.
+    std::vector<MetricFamily> present() && {
+        std::vector<MetricFamily> present;
+        for (MetricFamily& family : families) {
+            if (!family.metric.empty()) present.push_back(std::move(family));
+        }
+        return present;
+    }
+
+private:
+    std::array<MetricFamily, METRIC_COUNT> families;
+};
+
+// `object[key]` as a label value, empty when it has none.
 std::string text(const json& object, const char* key) {
-    const auto found = object.find(key);
-    if (found == object.end()) return "";
-    if (found->is_string()) return found->get<std::string>();
-    if (found->is_number_unsigned()) return std::to_string(found->get<uint64_t>());
-    if (found->is_number_integer()) return std::to_string(found->get<int64_t>());
-    return found->is_null() ? "" : found->dump();
+    return control::field_text(object, key).value_or("");
 }
 
 double number(const json& object, const char* key) {
@@ -93,10 +116,10 @@ const json& member(const json& object, const char* key, const json& fallback) {
 
 void add_gateway(Families& families, const GatewayReport& report, double now_s) {
     const ClientMetric::Label gateway{"gateway", report.name};
-    add(families.up, {gateway}, 1);
-    add(families.build_info, {gateway, {"version", text(report.stats, "version")}}, 1);
+    families.add(UP, {gateway}, 1);
+    families.add(BUILD_INFO, {gateway, {"version", text(report.stats, "version")}}, 1);
     // To the millisecond, as the gateway tells its uptime.
-    add(families.start_time, {gateway}, std::round((now_s - number(report.stats, "uptime_s")) * 1000.0) / 1000.0);
+    families.add(START_TIME, {gateway}, std::round((now_s - number(report.stats, "uptime_s")) * 1000.0) / 1000.0);
 
     static const json NO_ARRAY = json::array();
     static const json NO_OBJECT = json::object();
@@ -116,35 +139,32 @@ void add_gateway(Families& families, const GatewayReport& report, double now_s) 
         if (!iface.is_object()) continue;
         const std::string id = text(iface, "id");
         const ClientMetric::Label label{"iface", id};
-        add(families.interface_info,
-            {gateway,
-             label,
-             {"kind", text(iface, "kind")},
-             {"role", text(iface, "role")},
-             {"description", text(iface, "description")}},
-            1);
-        add(families.frames_in, {gateway, label}, number(iface, "frames_in"));
-        add(families.frames_out, {gateway, label}, number(iface, "frames_out"));
-        add(families.bytes_in, {gateway, label}, number(iface, "bytes_in"));
-        add(families.bytes_out, {gateway, label}, number(iface, "bytes_out"));
+        families.add(INTERFACE_INFO,
+                     {gateway,
+                      label,
+                      {"kind", text(iface, "kind")},
+                      {"role", text(iface, "role")},
+                      {"description", text(iface, "description")}},
+                     1);
+        for (const auto& [metric, key] : TRAFFIC) families.add(metric, {gateway, label}, number(iface, key));
         for (const auto& error : member(iface, "decode_errors", NO_OBJECT).items()) {
             if (error.value().is_number()) {
-                add(families.decode_errors, {gateway, label, {"error", error.key()}}, error.value().get<double>());
+                families.add(DECODE_ERRORS, {gateway, label, {"error", error.key()}}, error.value().get<double>());
             }
         }
         for (const auto& drop : member(iface, "drops", NO_OBJECT).items()) {
             if (drop.value().is_number()) {
-                add(families.drops, {gateway, label, {"cause", drop.key()}}, drop.value().get<double>());
+                families.add(DROPS, {gateway, label, {"cause", drop.key()}}, drop.value().get<double>());
             }
         }
         const auto up = iface.find("link_up");
-        add(families.link_up, {gateway, label}, up == iface.end() || !up->is_boolean() || up->get<bool>() ? 1 : 0);
-        add(families.local_peers, {gateway, label}, local_peers[id]);
+        families.add(LINK_UP, {gateway, label}, up == iface.end() || !up->is_boolean() || up->get<bool>() ? 1 : 0);
+        families.add(LOCAL_PEERS, {gateway, label}, local_peers[id]);
         for (const char* origin : ORIGINS) {
-            add(families.manet_links, {gateway, label, {"origin", origin}}, manet_links[{id, origin}]);
+            families.add(MANET_LINKS, {gateway, label, {"origin", origin}}, manet_links[{id, origin}]);
         }
     }
-    add(families.resolutions_pending, {gateway}, pending);
+    families.add(RESOLUTIONS_PENDING, {gateway}, pending);
 }
 
 double wall_clock_s() {
@@ -161,16 +181,10 @@ std::vector<MetricFamily> metric_families(const std::vector<GatewayReport>& repo
         if (report.up) {
             add_gateway(families, report, now_s);
         } else {
-            add(families.up, {{"gateway", report.name}}, 0);
+            families.add(UP, {{"gateway", report.name}}, 0);
         }
     }
-    std::vector<MetricFamily> all = std::move(families).all();
-    // A family without samples says nothing; leave it out.
-    std::vector<MetricFamily> present;
-    for (MetricFamily& family : all) {
-        if (!family.metric.empty()) present.push_back(std::move(family));
-    }
-    return present;
+    return std::move(families).present();
 }
 
 std::vector<MetricFamily> FleetCollectable::Collect() const {

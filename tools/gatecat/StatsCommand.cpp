@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 
 #include "gatecat/TextTable.h"
+#include "vostrelka/control/AnswerField.h"
 #include "vostrelka/control/ControlClient.h"
 
 namespace vostrelka {
@@ -38,21 +39,15 @@ json fetch(const CommandLine& command_line, const char* request) {
     return answer;
 }
 
-// `object[key]` as text: strings as they are, numbers in their shortest
-// form, "-" when absent or of another kind.
+// `object[key]` as a table cell: fractions to one decimal, "-" when absent
+// or of a kind a cell cannot show.
 std::string cell(const json& object, const char* key) {
+    if (std::optional<std::string> text = control::field_text(object, key)) return *text;
     const auto found = object.find(key);
-    if (found == object.end()) return "-";
-    if (found->is_string()) return found->get<std::string>();
-    if (found->is_number_unsigned()) return std::to_string(found->get<uint64_t>());
-    if (found->is_number_integer()) return std::to_string(found->get<int64_t>());
-    if (found->is_number_float()) {
-        char text[32];
-        std::snprintf(text, sizeof text, "%.1f", found->get<double>());
-        return text;
-    }
-    if (found->is_boolean()) return found->get<bool>() ? "true" : "false";
-    return "-";
+    if (found == object.end() || !found->is_number_float()) return "-";
+    char text[32];
+    std::snprintf(text, sizeof text, "%.1f", found->get<double>());
+    return text;
 }
 
 // "crc 1, escape 2" of the nonzero counters of `object[key]`, "none" when
