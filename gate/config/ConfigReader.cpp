@@ -302,6 +302,18 @@ private:
         return true;
     }
 
+    // A peer's "inet_addr" in `value` when its interface is a UDP one; on
+    // another kind it is not read (a warning when given) and `value` stays
+    // empty. False on an error.
+    bool inet_text(const json& entry, const std::string& where, const GateConfig::Iface& iface,
+                   std::optional<std::string>& value) {
+        if (iface.datagram) return text(entry, "inet_addr", where, value.emplace());
+        if (entry.contains("inet_addr")) {
+            warn(where + ".inet_addr", "is not read: iface " + std::to_string(iface.id) + " is not a UDP interface");
+        }
+        return true;
+    }
+
     bool read_local_peer(const json& entry, const std::string& where) {
         GateConfig::LocalPeer peer;
         peer.where = where;
@@ -310,13 +322,11 @@ private:
         if (iface == nullptr) return false;
         peer.iface_id = iface->id;
         warn_unknown(entry, where, {"netdev_addr", "iface_id", "inet_addr"});
-        if (iface->datagram) {
-            std::string value;
-            if (!text(entry, "inet_addr", where, value)) return false;
-            peer.inet_addr = InetAddress::from(value);
-            if (!peer.inet_addr) return fail(where + ".inet_addr", "failed to parse inet address: " + value);
-        } else if (entry.contains("inet_addr")) {
-            warn(where + ".inet_addr", "is not read: iface " + std::to_string(iface->id) + " is not a UDP interface");
+        std::optional<std::string> inet;
+        if (!inet_text(entry, where, *iface, inet)) return false;
+        if (inet) {
+            peer.inet_addr = InetAddress::from(*inet);
+            if (!peer.inet_addr) return fail(where + ".inet_addr", "failed to parse inet address: " + *inet);
         }
 
         // The gateway's table takes a peer again on another interface or
@@ -352,13 +362,11 @@ private:
         if (iface == nullptr) return false;
         peer.iface_id = iface->id;
         warn_unknown(entry, where, {"manet_addr", "netdev_addr", "iface_id", "inet_addr"});
-        if (iface->datagram) {
-            std::string value;
-            if (!text(entry, "inet_addr", where, value)) return false;
-            peer.host_port = HostPort::from(value);
-            if (!peer.host_port) return fail(where + ".inet_addr", "failed to parse inet address " + value);
-        } else if (entry.contains("inet_addr")) {
-            warn(where + ".inet_addr", "is not read: iface " + std::to_string(iface->id) + " is not a UDP interface");
+        std::optional<std::string> inet;
+        if (!inet_text(entry, where, *iface, inet)) return false;
+        if (inet) {
+            peer.host_port = HostPort::from(*inet);
+            if (!peer.host_port) return fail(where + ".inet_addr", "failed to parse inet address " + *inet);
         }
 
         // As the gateway's table: on one interface, a peer given by another
