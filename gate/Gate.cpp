@@ -40,7 +40,7 @@ Gate::Interface* Gate::add_interface(uint32_t id, uint8_t type, std::shared_ptr<
     iface.id = id;
     iface.type = type;
     iface.udp = dynamic_cast<net_device::NetDeviceUDP*>(device.get());
-    if (auto* can = dynamic_cast<net_device::NetDeviceCan*>(device.get())) can_links.push_back(can);
+    if (auto* can = dynamic_cast<net_device::NetDeviceCan*>(device.get())) can_links.add(can);
     iface.net_device = std::move(device);
     iface.net_device->set_handler(this);
     return &iface;
@@ -86,7 +86,7 @@ void Gate::start(const cxxopts::ParseResult& result) {
         exit(1);
     }
 
-    if (!control_path.empty()) open_control();
+    if (control_settings) open_control();
     if (notifier.init_from_environment()) notifier.ready();
     loop();
 }
@@ -148,10 +148,7 @@ bool Gate::apply_config(const GateConfig& config) {
         debug("RFModem on iface %i: addr=0x%08X channel=%i power=%.1f", static_cast<int>(iface.id), modem.addr,
               static_cast<int>(modem.channel), static_cast<double>(modem.power));
     }
-    if (config.control) {
-        control_path = config.control->path;
-        control_mode = config.control->mode;
-    }
+    control_settings = config.control;
     return true;
 }
 

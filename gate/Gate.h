@@ -19,6 +19,8 @@
 #include <string>
 #include <vector>
 
+#include "CanLinks.h"
+#include "GateConfig.h"
 #include "GateInterface.h"
 #include "PeerTables.h"
 #include "SystemdNotifier.h"
@@ -34,7 +36,6 @@
 namespace vostrelka {
 
 class ControlServer;
-struct GateConfig;
 class RunnerHandler;
 namespace manet {
 struct MAPacket;
@@ -58,8 +59,6 @@ public:
     static constexpr uint8_t MANET = GateInterface::MANET;
 
     static constexpr int64_t MAX_SELECT_WAIT_US = 5000000;
-    // The longest wait while a link awaits reopening.
-    static constexpr int64_t LINK_RETRY_WAIT_US = 1000000;
     static constexpr int64_t PEER_TIMEOUT_US = PeerTables::PEER_TIMEOUT_US;
     static constexpr size_t MAX_INTERFACES = 32;
     // Entries of the gateway's own (the resolver wake-up, the control
@@ -154,9 +153,6 @@ private:
     int64_t next_chore_us();
     void do_chores(int64_t now);
     void check_serial_port();
-    // Lost CAN links try to reopen, at most once per LINK_RETRY_WAIT_US;
-    // `now` 0: read the clock when needed.
-    void check_can_links(int64_t now = 0);
 
     // Both return false when the frame found nowhere to go.
     bool forward_local_frame(const net_device::NetDevice& from_device, const net_device::Frame& frame,
@@ -177,9 +173,7 @@ private:
     // factory.
     int32_t debug_level = 0;
     net_device::NetDeviceFactory factory;
-    // The CAN devices among the interfaces, for check_can_links().
-    std::vector<net_device::NetDeviceCan*> can_links;
-    int64_t next_can_retry_us = 0;
+    CanLinks can_links;
     ArrayListAlloc<event_system::EventLoopEntry*, MAX_EVENT_LOOP_ENTRIES> event_loop_entries;
     ArrayListAlloc<event_system::EventLoopEntry*, MAX_INTERNAL_ENTRIES> own_entries;
     // The gateway's own resolver pool: a finished lookup wakes this loop
@@ -189,9 +183,8 @@ private:
     Interfaces ifaces;
     PeerTables tables{resolver_wake_up.pool()};
     std::vector<std::unique_ptr<RunnerHandler>> handlers;
-    int64_t started_us = 0;    // time_us()
-    std::string control_path;  // empty: no control socket
-    unsigned int control_mode = 0;
+    int64_t started_us = 0;                               // time_us()
+    std::optional<GateConfig::Control> control_settings;  // none: no control socket
     SystemdNotifier notifier;
     // Holds the devices' tap pointers, so it goes before the interfaces.
     std::unique_ptr<ControlServer> control;

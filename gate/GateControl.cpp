@@ -72,8 +72,8 @@ void Gate::open_control() {
     control = std::make_unique<ControlServer>(
         [this](const std::string& request) { return answer_control_request(request); }, std::move(devices));
     std::string error;
-    if (!control->open(control_path, control_mode, error)) {
-        debug("ERROR: control socket %s: %s", control_path.c_str(), error.c_str());
+    if (!control->open(control_settings->path, control_settings->mode, error)) {
+        debug("ERROR: control socket %s: %s", control_settings->path.c_str(), error.c_str());
         exit(1);
     }
     own_entries.push_back(control.get());

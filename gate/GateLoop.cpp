@@ -74,7 +74,7 @@ void Gate::run_pass(event_system::SelectPass& pass) {
     pass.run_due_timer();
 
     check_serial_port();
-    check_can_links();
+    can_links.retry_lost();
     // A flood of table changes that has stopped still gets its summary line.
     tables.flush_log();
     if (notifier.keep_alive_period_us() != 0) notifier.keep_alive(time_us());
@@ -98,10 +98,7 @@ int64_t Gate::next_chore_us() {
     for (const auto& line : factory.serial_ports()) {
         if (line->awaiting_reopen() && line->next_attempt() < at) at = line->next_attempt();
     }
-    for (const net_device::NetDeviceCan* can : can_links) {
-        if (can->link_lost() && next_can_retry_us < at) at = next_can_retry_us;
-    }
-    return at;
+    return can_links.next_retry_us(at);
 }
 
 // Between passes: WATCHDOG=1 and the retry of lost links, when due.
@@ -110,7 +107,7 @@ void Gate::do_chores(int64_t now) {
     for (auto& line : factory.serial_ports()) {
         if (line->awaiting_reopen()) line->supervise(now);
     }
-    check_can_links(now);
+    can_links.retry_lost(now);
 }
 
 // Lost lines are closed, and closed ones reopened once their path is back.
@@ -118,19 +115,6 @@ void Gate::check_serial_port() {
     if (factory.serial_ports().empty()) return;
     const int64_t now = time_us();
     for (auto& line : factory.serial_ports()) line->supervise(now);
-}
-
-void Gate::check_can_links(int64_t now) {
-    if (can_links.empty()) return;
-    bool tried = false;
-    for (net_device::NetDeviceCan* can : can_links) {
-        if (!can->link_lost()) continue;
-        if (now == 0) now = time_us();
-        if (now < next_can_retry_us) return;
-        can->reopen();
-        tried = true;
-    }
-    if (tried) next_can_retry_us = now + LINK_RETRY_WAIT_US;
 }
 
 }  // namespace vostrelka
